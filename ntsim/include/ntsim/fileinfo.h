@@ -1,0 +1,4 @@
+#pragma once
+// (being written)
+#include "ntdef.h"
+#include "ntstatus.h"
