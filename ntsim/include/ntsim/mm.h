@@ -1,4 +1,11 @@
+// Memory manager routines that drivers use. ntsim keeps a table of the system's exported
+// routines that MmGetSystemRoutineAddress searches (ntsim/sim/system.hpp registers and hides
+// entries).
 #pragma once
-// (being written)
+
 #include "ntdef.h"
 #include "ntstatus.h"
+
+// The address of an exported system routine by its name (case-sensitive, as on Windows), or null
+// if the system does not export it. PASSIVE_LEVEL.
+NTKERNELAPI PVOID MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName);
