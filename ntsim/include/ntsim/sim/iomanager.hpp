@@ -1,0 +1,106 @@
+// The control side of ntsim's I/O manager and Filter Manager, for tests, the simulator and other
+// ntsim components: mounting volumes, loading and unloading filter drivers, and issuing the I/O
+// that no native API call produces on demand (paging and non-cached writes after cleanup, fast
+// I/O attempts, a lazy-writer flush, a directory query at an index).
+//
+// Everything runs in the calling thread, as the simulated thread it is (see sim/process.hpp):
+// its process, token and previous mode are what the filters see. Calls are synchronous.
+#pragma once
+
+#include <fltKernel.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ntsim {
+
+class Volume;
+
+// ---- volumes ----
+
+// Mounts volume under its DeviceName() ("\Device\HarddiskVolume2"): makes its device object,
+// links driveLetter ("C:", or empty for none) to it as \??\C:, and offers the new volume to every
+// filter that is filtering (instance setup with FLTFL_INSTANCE_SETUP_NEWLY_MOUNTED_VOLUME).
+// STATUS_OBJECT_NAME_COLLISION when a device of that name is mounted already.
+NTSTATUS MountVolume(std::shared_ptr<Volume> volume, std::u16string_view driveLetter = {});
+
+// Tears down every instance on the volume (teardown start and complete, VOLUME_DISMOUNT), then
+// removes its drive link and device. Files still open on it keep working until they close.
+// STATUS_NO_SUCH_DEVICE when no volume of that device name is mounted.
+NTSTATUS DismountVolume(std::u16string_view deviceName);
+
+// The device object of a mounted volume, or null.
+PDEVICE_OBJECT GetVolumeDeviceObject(std::u16string_view deviceName);
+
+// ---- filter drivers ----
+
+struct FilterLoadOptions {
+    std::u16string name = u"Filter";       // service name, as fltmc lists it
+    std::u16string altitude = u"370000";   // decimal; higher altitudes see operations first
+    // Pool tags that belong to the driver: every block of these tags must be freed by the time the
+    // driver has unloaded (verifier: POOL_LEAK).
+    std::vector<ULONG> poolTags;
+};
+
+// Loads a filter driver: makes its DRIVER_OBJECT and calls driverEntry, in the calling thread.
+// The altitude in options is the one FltRegisterFilter finds for the driver. A failing
+// DriverEntry leaves nothing loaded (a filter it registered and left registered is a
+// verifier error). Returns DriverEntry's status.
+NTSTATUS LoadFilter(PDRIVER_INITIALIZE driverEntry, const FilterLoadOptions& options);
+
+// Unloads as `fltmc unload` does: calls the filter's unload callback (flags 0); a failure status
+// from it refuses the unload and is returned. The callback is expected to call
+// FltUnregisterFilter (its instances' teardown callbacks run there). Then the verifier checks
+// that no pool of the driver's tags is left, and that the driver dropped every reference it took
+// on Filter Manager objects. STATUS_FLT_FILTER_NOT_FOUND for an unknown name;
+// STATUS_FLT_DO_NOT_DETACH when the filter has no unload callback.
+NTSTATUS UnloadFilter(std::u16string_view name);
+
+// Names of the loaded filters, highest altitude first.
+std::vector<std::u16string> LoadedFilters();
+
+// ---- I/O that tests issue on a file object ----
+
+// Takes a reference on the file object behind a file handle (as ObReferenceObjectByHandle with
+// kernel access). Drop it with ObDereferenceObject; while it is held, closing the last handle
+// sends IRP_MJ_CLEANUP but not IRP_MJ_CLOSE. Null for a handle that is not a file's.
+PFILE_OBJECT ReferenceFileObjectByHandle(HANDLE handle);
+
+struct IoRequest {
+    // IRP_NOCACHE, IRP_PAGING_IO, IRP_SYNCHRONOUS_PAGING_IO: what the request claims to be. Paging
+    // and non-cached I/O may be sent after cleanup, as the cache and memory managers do.
+    ULONG irpFlags = 0;
+    // Try the fast path first (cached I/O only). A filter that answers FLT_PREOP_DISALLOW_FASTIO
+    // refuses it, and the same request comes again as an IRP.
+    bool fastIo = false;
+};
+
+// Read or write at an explicit offset, through every filter. *transferred gets the byte count.
+NTSTATUS IoReadFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, void* buffer, const IoRequest& request,
+                    ULONG* transferred);
+NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* buffer,
+                     const IoRequest& request, ULONG* transferred);
+
+// IRP_MJ_QUERY_EA, optionally tried as fast I/O first.
+NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned);
+
+// IRP_MJ_DIRECTORY_CONTROL / IRP_MN_QUERY_DIRECTORY with any stack flags (SL_RESTART_SCAN,
+// SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null.
+NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
+                              PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
+
+// IRP_MJ_NETWORK_QUERY_OPEN for a path, as fast I/O (fastIo) or as an IRP. The file object lives
+// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here (the
+// fallback to an ordinary open is NtQueryFullAttributesFile's).
+NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
+                            bool fastIo);
+
+// A cache flush as the lazy writer or a mapped-page flush makes it, in the calling thread and
+// with its previous mode: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the file system's flush, then
+// IRP_MJ_RELEASE_FOR_CC_FLUSH. A filter that completes the acquire with a failure fails the
+// flush with that status (the release is not sent).
+NTSTATUS IoFlushCache(PFILE_OBJECT fileObject);
+
+}  // namespace ntsim
