@@ -6,6 +6,10 @@
 #include "ntdef.h"
 #include "ntstatus.h"
 
+extern "C" {
+
 // The address of an exported system routine by its name (case-sensitive, as on Windows), or null
 // if the system does not export it. PASSIVE_LEVEL.
 NTKERNELAPI PVOID MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName);
+
+}  // extern "C"

@@ -44,11 +44,13 @@ typedef struct _OBJECT_HANDLE_INFORMATION {
 
 // Object types a driver may pass to ObReferenceObjectByHandle. IoFileObjectType belongs to the
 // I/O manager (io.h).
-extern POBJECT_TYPE* PsProcessType;
-extern POBJECT_TYPE* PsThreadType;
-extern POBJECT_TYPE* SeTokenObjectType;
+extern "C" POBJECT_TYPE* PsProcessType;
+extern "C" POBJECT_TYPE* PsThreadType;
+extern "C" POBJECT_TYPE* SeTokenObjectType;
 
 struct _ACCESS_STATE;
+
+extern "C" {
 
 // ---- references (any IRQL up to DISPATCH_LEVEL) ----
 // Returns the new count. A pointer the object manager does not know, or a count that would go
@@ -95,3 +97,5 @@ NTSYSAPI NTSTATUS NTAPI ZwOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK
 // substitution is itself a \??\ path, returned as it stands. PASSIVE_LEVEL.
 NTSYSAPI NTSTATUS NTAPI ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
                                                   PULONG ReturnedLength);
+
+}  // extern "C"

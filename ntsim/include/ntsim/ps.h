@@ -59,6 +59,8 @@ typedef struct _PROCESS_BASIC_INFORMATION {
 } PROCESS_BASIC_INFORMATION, *PPROCESS_BASIC_INFORMATION;
 static_assert(sizeof(PROCESS_BASIC_INFORMATION) == 48, "PROCESS_BASIC_INFORMATION");
 
+extern "C" {
+
 // ---- the current process and thread (any IRQL) ----
 NTKERNELAPI PEPROCESS IoGetCurrentProcess(VOID);
 NTKERNELAPI PEPROCESS PsGetCurrentProcess(VOID);
@@ -86,3 +88,5 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryInformationProcess(HANDLE ProcessHandle,
                                                   PVOID ProcessInformation,
                                                   ULONG ProcessInformationLength,
                                                   PULONG ReturnLength);
+
+}  // extern "C"

@@ -169,6 +169,8 @@ static_assert(sizeof(ACCESS_STATE) == 160, "ACCESS_STATE");
 static_assert(sizeof(IO_SECURITY_CONTEXT) == 24, "IO_SECURITY_CONTEXT");
 static_assert(offsetof(IO_SECURITY_CONTEXT, DesiredAccess) == 16, "DesiredAccess");
 
+extern "C" {
+
 // ---- subject context routines ----
 
 // Captures the calling thread's security: its impersonation token (ClientToken, with its
@@ -219,3 +221,5 @@ NTSYSAPI PULONG NTAPI RtlSubAuthoritySid(PSID Sid, ULONG SubAuthority);
 // STATUS_INVALID_SID.
 NTSYSAPI NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID Sid,
                                                      BOOLEAN AllocateDestinationString);
+
+}  // extern "C"

@@ -85,6 +85,8 @@ private:
 #define GetExceptionCode() (ntsimSehCode_.Code())
 #define _exception_code() GetExceptionCode()
 
+extern "C" {
+
 // ---- raising ----
 [[noreturn]] NTKERNELAPI VOID ExRaiseStatus(NTSTATUS Status);
 [[noreturn]] NTKERNELAPI VOID ExRaiseAccessViolation(VOID);
@@ -98,3 +100,5 @@ private:
 // Any IRQL at or below APC_LEVEL.
 NTKERNELAPI VOID ProbeForRead(const volatile VOID* Address, SIZE_T Length, ULONG Alignment);
 NTKERNELAPI VOID ProbeForWrite(volatile VOID* Address, SIZE_T Length, ULONG Alignment);
+
+}  // extern "C"

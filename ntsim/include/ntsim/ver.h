@@ -39,7 +39,11 @@ static_assert(sizeof(RTL_OSVERSIONINFOW) == 276, "RTL_OSVERSIONINFOW");
 static_assert(sizeof(RTL_OSVERSIONINFOEXW) == 284, "RTL_OSVERSIONINFOEXW");
 static_assert(offsetof(RTL_OSVERSIONINFOEXW, wServicePackMajor) == 276, "wServicePackMajor");
 
+extern "C" {
+
 // Fills the record from the system's version. dwOSVersionInfoSize must be 276
 // (RTL_OSVERSIONINFOW) or 284 (RTL_OSVERSIONINFOEXW, whose extra fields are filled too); any
 // other size gives STATUS_INVALID_PARAMETER. Any IRQL at or below APC_LEVEL.
 NTSYSAPI NTSTATUS NTAPI RtlGetVersion(PRTL_OSVERSIONINFOW lpVersionInformation);
+
+}  // extern "C"
