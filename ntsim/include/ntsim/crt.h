@@ -53,6 +53,8 @@ typedef int errno_t;
 #define STRUNCATE 80
 #endif
 #define _TRUNCATE ((size_t)-1)
+// What _wcsicmp/_wcsnicmp return for a null argument.
+#define _NLSCMPERROR 2147483647
 
 namespace ntsim::crt {
 
@@ -63,7 +65,7 @@ size_t wcsnlen(const wchar_t* String, size_t MaxCount);
 // Sign of the first differing 16-bit pair, unsigned.
 int wcscmp(const wchar_t* String1, const wchar_t* String2);
 // Case-insensitive: both characters are lower-cased (RtlDowncaseUnicodeChar) before they are
-// compared, so '_' sorts before letters.
+// compared, so '_' sorts before letters. A null argument gives _NLSCMPERROR.
 int _wcsicmp(const wchar_t* String1, const wchar_t* String2);
 int _wcsnicmp(const wchar_t* String1, const wchar_t* String2, size_t Count);
 
