@@ -476,6 +476,7 @@ typedef FLT_COMPLETED_ASYNC_IO_CALLBACK* PFLT_COMPLETED_ASYNC_IO_CALLBACK;
 #define FLT_PORT_ALL_ACCESS (FLT_PORT_CONNECT | STANDARD_RIGHTS_ALL)
 
 // ---- routines ----
+extern "C" {
 
 // Registration and lifecycle. FltRegisterFilter takes the registration as it stands (it must
 // stay valid while the filter is registered); FltStartFiltering attaches instances to the
@@ -559,3 +560,5 @@ NTSTATUS FLTAPI FltQueryInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT Fil
                                         PULONG LengthReturned);
 NTSTATUS FLTAPI FltSetInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
                                       ULONG Length, FILE_INFORMATION_CLASS FileInformationClass);
+
+}  // extern "C"

@@ -12,6 +12,7 @@
 #include "ke.h"        // KEVENT, KSPIN_LOCK
 #include "ps.h"        // PETHREAD, PEPROCESS
 #include "se.h"        // IO_SECURITY_CONTEXT, ACCESS_STATE
+#include "ob.h"        // POBJECT_TYPE
 
 #ifndef POINTER_ALIGNMENT
 #define POINTER_ALIGNMENT __attribute__((aligned(8)))
@@ -312,6 +313,11 @@ static_assert(sizeof(FILE_OBJECT) == 0xD8, "FILE_OBJECT");
 #define FILE_WRITE_TO_END_OF_FILE 0xffffffff
 #define FILE_USE_FILE_POINTER_POSITION 0xfffffffe
 
+// The object type of file objects, for ObReferenceObjectByHandle.
+extern "C" POBJECT_TYPE* IoFileObjectType;
+
+extern "C" {
+
 // ---- the native file API ----
 // Nt* run with the calling thread's previous mode; Zw* run as kernel-mode callers (previous
 // mode KernelMode for the call). Handles are closed with NtClose/ZwClose (object manager).
@@ -427,3 +433,5 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttri
 // ---- kernel I/O routines ----
 // The device a request on this file object goes to: the volume's device.
 NTKERNELAPI PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
+
+}  // extern "C"
