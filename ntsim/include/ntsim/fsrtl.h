@@ -13,6 +13,8 @@
 #define FsRtlIsUnicodeCharacterWild(C)                                                   \
     ((C) == L'*' || (C) == L'?' || (C) == DOS_STAR || (C) == DOS_QM || (C) == DOS_DOT)
 
+extern "C" {
+
 // TRUE when Name matches Expression. '*' matches any run (also an empty one), '?' exactly
 // one character; the DOS wildcards as above. With IgnoreCase only Name is upcased (through
 // UpcaseTable, 65536 entries, when one is given, else RtlUpcaseUnicodeChar): Expression must
@@ -23,3 +25,5 @@ NTKERNELAPI BOOLEAN NTAPI FsRtlIsNameInExpression(PUNICODE_STRING Expression, PU
 
 // TRUE when any character of Name is one of the five wildcards.
 NTKERNELAPI BOOLEAN NTAPI FsRtlDoesNameContainWildCards(PUNICODE_STRING Name);
+
+}  // extern "C"

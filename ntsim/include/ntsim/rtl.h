@@ -20,6 +20,8 @@
 #include "ntdef.h"
 #include "ntstatus.h"
 
+extern "C" {
+
 // ---- memory ----
 #define RtlEqualMemory(Destination, Source, Length) (!memcmp((Destination), (Source), (Length)))
 #define RtlMoveMemory(Destination, Source, Length) memmove((Destination), (Source), (Length))
@@ -97,3 +99,5 @@ NTSYSAPI VOID NTAPI RtlFreeAnsiString(PANSI_STRING AnsiString);
 // Digits are upper case. STATUS_BUFFER_OVERFLOW, string unchanged, without room for the
 // digits and a terminator.
 NTSYSAPI NTSTATUS NTAPI RtlIntegerToUnicodeString(ULONG Value, ULONG Base, PUNICODE_STRING String);
+
+}  // extern "C"
