@@ -1,0 +1,34 @@
+// The configuration the service sets: the merge folder table and the process blacklist.
+#pragma once
+
+#include <fltKernel.h>
+
+#include "mergefolders.h"
+#include "servicemessages.h"
+
+// Empties the merge folder table (and, with them, the users' records). The blacklist stays until a
+// configuration with folders replaces it. Always STATUS_SUCCESS. IRQL: PASSIVE_LEVEL; takes
+// g_ConfigLock.
+NTSTATUS ClearConfiguration();
+
+// Fills the table and the blacklist from a SetConfiguration message, after ClearConfiguration.
+// STATUS_INVALID_PARAMETER for a null message, a version below 4, more than 50 folders or a folder
+// block the caller can't read; STATUS_SUCCESS with nothing changed for 0 folders; STATUS_NO_MEMORY
+// when the blacklist can't be built whole. A folder that can't be set is dropped alone.
+// IRQL: PASSIVE_LEVEL, in the sending process; holds g_ConfigLock throughout.
+NTSTATUS SetConfiguration(SetConfigurationMessage* pMessage);
+
+// Fills one row from a folder record: the SID, \??\ + the path, and the drive's device name + the
+// path without drive letter and colon. On failure the row may hold some strings: the caller frees
+// them. STATUS_INVALID_PARAMETER for text that isn't terminated inside its field; the failure of
+// the drive link's resolution; STATUS_INSUFFICIENT_RESOURCES. The caller holds g_ConfigLock.
+NTSTATUS SetMergeFolder(MergeFolderEntry* pRow, const MergeFolderRecord* pFolder);
+
+// The next token of a '|' list, in place: NextBarToken(text) starts, NextBarToken(nullptr) goes on.
+// Empty tokens are skipped; null when the text is used up. Keeps its place in one static pointer:
+// its caller holds g_ConfigLock.
+PWSTR NextBarToken(PWSTR pszText);
+
+// Frees the blacklist, each string and the array, and sets it to null. The caller holds
+// g_ConfigLock, or is the unload with no callback left.
+VOID FreeProcessBlacklist();

@@ -1,0 +1,203 @@
+// IRP_MJ_CREATE: the open gate, where the filter decides what an open means.
+//
+// An open ends in one of these ways: it is left alone (the file system serves it and no later
+// callback of its file object finds a record), it is refused (a write to a read-only merge folder,
+// the deletion of a merge folder), or it is one of managed content, of the caller's own merge
+// folder or, with local content only, of another user's. Any failure of the filter's own work passes
+// the open: the filter fails open.
+#include "create.h"
+
+#include "globals.h"
+#include "identity.h"
+#include "mergefolders.h"
+#include "operations.h"
+#include "ownedstring.h"
+#include "trace.h"
+
+// The name that the service gives the dummy files to which attribute-only opens are sent.
+#define DUMMY_FILE_TEXT L"vm_redirected_a2210125-0016-41ce-b6e7-495eee531977"
+
+// Room for the process image name of the blacklist test.
+#define PROCESS_IMAGE_NAME_CAPACITY 260
+
+// \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
+#define MUP_PREFIX L"\\Device\\Mup\\"
+#define MUP_LOOPBACK_PREFIX L"\\Device\\Mup\\127.0.0.1\\"
+#define MUP_PATH_MIN_BYTES 24
+
+static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
+{
+    return pPath->Length >= MUP_PATH_MIN_BYTES && StringStartsWithText(pPath, MUP_PREFIX) &&
+           !StringStartsWithText(pPath, MUP_LOOPBACK_PREFIX);
+}
+
+static bool IsLoopbackMupPath(PCUNICODE_STRING pPath)
+{
+    return StringStartsWithText(pPath, MUP_LOOPBACK_PREFIX);
+}
+
+static bool HasColon(PCUNICODE_STRING pPath)
+{
+    for (USHORT usIndex = 0; usIndex < pPath->Length / sizeof(WCHAR); usIndex++) {
+        if (pPath->Buffer[usIndex] == L':') {
+            return true;
+        }
+    }
+    return false;
+}
+
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                      PVOID* CompletionContext)
+{
+    UNREFERENCED_PARAMETER(CompletionContext);
+
+    FLT_PREOP_CALLBACK_STATUS callbackStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
+    OwnedString* pstrPath = nullptr;
+    OwnedString* pstrSid = nullptr;
+    OwnedString* pstrImageName = nullptr;
+    OwnedString* pstrOwnerSid = nullptr;
+    UCHAR bReadOnly = 0;
+    UCHAR bForeignUserAccess = 0;
+    NTSTATUS status;
+    PIO_SECURITY_CONTEXT pSecurityContext = Data->Iopb->Parameters.Create.SecurityContext;
+    ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
+    UNICODE_STRING dummyFileText;
+
+    // 1. Pass-through mode: the service has gone, and nothing is looked at.
+    if (g_PassThrough) {
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+
+    // 2. The service's own opens share everything, so that they never stand in a caller's way.
+    if (IoGetCurrentProcess() == g_ServiceData.ServiceProcess) {
+        Data->Iopb->Parameters.Create.ShareAccess |= FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        FltSetCallbackDataDirty(Data);
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+
+    // 3. The path of the open, device form.
+    status = FltObjects != nullptr ? PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrPath)
+                                   : STATUS_INVALID_PARAMETER;
+    if (!NT_SUCCESS(status)) {
+        TRACE_INFO("[EXIT] - PathFromRequest failed with status [0x%08x]", status);
+        goto Exit;
+    }
+
+    // 4. The SID of the token the I/O manager captured for the open.
+    status = GetRequestSid(pSecurityContext, &pstrSid);
+    if (!NT_SUCCESS(status)) {
+        TRACE_INFO("[EXIT] - GetRequestSid failed with status [0x%08x]", status);
+        goto Exit;
+    }
+
+    // 5. A share on another machine is never managed: it passes before any lookup.
+    if (IsRemoteMupPath(pstrPath)) {
+        goto Exit;
+    }
+
+    // 6. Short names to long names; on failure the path stays as it is.
+    (VOID) NormalizeFilePath(Data, &pstrPath);
+
+    // 7. A kernel-mode open counts only if it touches content.
+    if (ExGetPreviousMode() == KernelMode) {
+        if ((DesiredAccess & ACCESS_REQUIRING_DOWNLOAD) == 0) {
+            TRACE_INFO("[EXIT] Previous mode is KernelMode");
+            goto Exit;
+        }
+        TRACE_INFO("Previous mode is KernelMode but access requires download");
+    }
+
+    // 8. The loopback share. Such an open is carried over to the local open it causes by the MUP
+    // access records, which this build doesn't keep yet: it passes.
+    if (IsLoopbackMupPath(pstrPath)) {
+        goto Exit;
+    }
+
+    // 9. Classification: the first class that fits.
+    RtlInitUnicodeString(&dummyFileText, DUMMY_FILE_TEXT);
+    if (IsManagedPath(pstrSid, pstrPath, &bReadOnly)) {
+        // 9.1 The caller's own merge folder. A process whose name can't be had is managed.
+        pstrImageName = CreateUnicodeString(POOL_SELECTOR_PAGED, PROCESS_IMAGE_NAME_CAPACITY);
+        if (pstrImageName != nullptr && NT_SUCCESS(GetProcessImageName(pstrImageName)) &&
+            IsProcessBlacklisted(pstrImageName)) {
+            TRACE_INFO("Ignoring blacklisted process [%wZ]", pstrImageName);
+            goto Exit;
+        }
+    } else if (FindUnicodeSubstring(pstrPath, &dummyFileText, FALSE) >= 0) {
+        // 9.2 A dummy file: the redirection of attribute-only opens makes and consumes these paths.
+    } else if ((pstrOwnerSid = FindMergeFolderOwner(pstrPath)) != nullptr) {
+        // 9.3 Another user's merge folder: local content only, under the owner's SID.
+        pstrImageName = CreateUnicodeString(POOL_SELECTOR_PAGED, PROCESS_IMAGE_NAME_CAPACITY);
+        if (pstrImageName == nullptr) {
+            TRACE_ERROR("[EXIT] CreateUnicodeString failed");
+            goto Exit;
+        }
+        if (!NT_SUCCESS(GetProcessImageName(pstrImageName)) || IsProcessBlacklisted(pstrImageName)) {
+            goto Exit;
+        }
+        TRACE_INFO("Permitting access to [%wZ] to local content only for non-blacklisted process [%wZ]", pstrPath,
+                   pstrImageName);
+        bForeignUserAccess = 1;
+        FreeUnicodeString(&pstrSid);
+        pstrSid = pstrOwnerSid;
+        pstrOwnerSid = nullptr;
+    } else {
+        // 9.4 Not managed: the common way out for every file outside merge folders.
+        goto Exit;
+    }
+
+    // 10. Exclusions. The user's exclusion cache and the service's exclusion query come with the
+    // service requests; until then no open is excluded.
+
+    // 11. From here on the open is a request for managed content.
+    TRACE_INFO("Normalized requested Path is [%wZ] and the user SID is [%wZ]", pstrPath, pstrSid);
+
+    // 12, 13. The file's state on disk, and the redirection of attribute-only opens to a dummy
+    // file, come with the service requests.
+
+    // 14. A merge folder's own path, marked read-only, can't be opened for writing.
+    if (bReadOnly && (DesiredAccess & ACCESS_WRITING) != 0) {
+        TRACE_INFO("[EXIT] [%wZ] is readonly and the desired access is write. Returning STATUS_ACCESS_DENIED",
+                   pstrPath);
+        Data->IoStatus.Status = STATUS_ACCESS_DENIED;
+        Data->IoStatus.Information = 0;
+        callbackStatus = FLT_PREOP_COMPLETE;
+        goto Exit;
+    }
+
+    // 15. Alternate data streams are the file system's affair alone.
+    if (HasColon(pstrPath)) {
+        TRACE_INFO("[EXIT] Requested path [%wZ] is ADS, ignoring", pstrPath);
+        goto Exit;
+    }
+
+    // 16. A merge folder can't be deleted from under the service.
+    if ((Data->Iopb->Parameters.Create.Options & FILE_DELETE_ON_CLOSE) != 0 && IsMergeFolderRoot(pstrSid, pstrPath)) {
+        Data->IoStatus.Status = STATUS_ACCESS_DENIED;
+        Data->IoStatus.Information = 0;
+        callbackStatus = FLT_PREOP_COMPLETE;
+        goto Exit;
+    }
+
+    // 17. An open to follow. Its download request, signature and file context come with the service
+    // requests and the context table; until then the open goes on untouched, its class decided.
+    UNREFERENCED_PARAMETER(bForeignUserAccess);
+
+Exit:
+    FreeUnicodeString(&pstrPath);
+    FreeUnicodeString(&pstrSid);
+    FreeUnicodeString(&pstrImageName);
+    FreeUnicodeString(&pstrOwnerSid);
+    return callbackStatus;
+}
+
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                        PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)
+{
+    // Only an open that the pre-create hands a record reaches here, and none does yet.
+    UNREFERENCED_PARAMETER(Data);
+    UNREFERENCED_PARAMETER(FltObjects);
+    UNREFERENCED_PARAMETER(CompletionContext);
+    UNREFERENCED_PARAMETER(Flags);
+    return FLT_POSTOP_FINISHED_PROCESSING;
+}
