@@ -35,6 +35,13 @@ struct _OBJECT_TYPE {};
 
 namespace ntsim::ob {
 
+// Verifier rules of the object manager.
+namespace rules {
+inline constexpr std::string_view kObjectNotKnown = "OBJECT_NOT_KNOWN";  // a pointer that is no object
+inline constexpr std::string_view kObjectReferenceUnderflow = "OBJECT_REFERENCE_UNDERFLOW";
+inline constexpr std::string_view kInvalidKernelHandle = "INVALID_KERNEL_HANDLE";  // closed by kernel code
+}  // namespace rules
+
 class ObjectType : public _OBJECT_TYPE {
 public:
     // Called in the closing thread after a handle left its table and before its reference goes.

@@ -33,6 +33,14 @@ struct _ETHREAD {};
 
 namespace ntsim {
 
+// Verifier rules of exceptions and probes.
+namespace rules {
+// An __except filter answered EXCEPTION_CONTINUE_EXECUTION, which ntsim cannot honour.
+inline constexpr std::string_view kSehContinueExecution = "SEH_CONTINUE_EXECUTION";
+// ProbeForRead/ProbeForWrite with an alignment other than 1, 2, 4, 8 or 16.
+inline constexpr std::string_view kProbeAlignmentInvalid = "PROBE_ALIGNMENT_INVALID";
+}  // namespace rules
+
 namespace ob {
 class HandleTable;
 }
