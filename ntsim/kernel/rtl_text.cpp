@@ -159,7 +159,9 @@ void UnicodeStringHolder::Assign(std::u16string_view text, size_t maximumLength)
     // sees a write past the capacity.
     const size_t characters = (maximumLength + 1) / sizeof(WCHAR);
     storage_ = std::make_unique<WCHAR[]>(characters);  // zero-filled
-    std::memcpy(storage_.get(), text.data(), text.size() * sizeof(WCHAR));
+    if (!text.empty()) {
+        std::memcpy(storage_.get(), text.data(), text.size() * sizeof(WCHAR));
+    }
     string_.Buffer = storage_.get();
     string_.Length = USHORT(text.size() * sizeof(WCHAR));
     string_.MaximumLength = USHORT(maximumLength);
