@@ -172,8 +172,12 @@ typedef struct _STRING {
 } STRING, *PSTRING, ANSI_STRING, *PANSI_STRING, OEM_STRING, *POEM_STRING;
 typedef const STRING* PCANSI_STRING;
 
+// The counted-string types point at writable text; a constant string's literal is const.
+constexpr PWCH NtsimConstantStringBuffer(const WCHAR* Text) { return const_cast<PWCH>(Text); }
+constexpr PCHAR NtsimConstantStringBuffer(const CHAR* Text) { return const_cast<PCHAR>(Text); }
+
 #define RTL_CONSTANT_STRING(s) \
-    { (USHORT)(sizeof(s) - sizeof((s)[0])), (USHORT)sizeof(s), (decltype(+(s)))(s) }
+    { (USHORT)(sizeof(s) - sizeof((s)[0])), (USHORT)sizeof(s), NtsimConstantStringBuffer(s) }
 
 // ---- doubly linked lists ----
 typedef struct _LIST_ENTRY {
