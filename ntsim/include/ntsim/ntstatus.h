@@ -97,3 +97,7 @@
 // Exceptions, security and objects.
 #define STATUS_DATATYPE_MISALIGNMENT     ((NTSTATUS)0x80000002L)
 #define STATUS_INVALID_SID               ((NTSTATUS)0xC0000078L)
+
+// Communication ports.
+#define STATUS_CONNECTION_COUNT_LIMIT    ((NTSTATUS)0xC0000246L)
+#define STATUS_FLT_NO_WAITER_FOR_REPLY   ((NTSTATUS)0xC01C0020L)
