@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include "servicerequests.h"
 
 // The server port. The service connects twice: the Thread port, on which the filter sends its
 // requests, with a connection context of exactly THREAD_PORT_CONTEXT_SIZE bytes; the Config port
