@@ -140,4 +140,4 @@ extern KUSER_SHARED_DATA NtsimUserSharedData;
 }  // extern "C"
 
 #define KI_USER_SHARED_DATA ((ULONG_PTR)&NtsimUserSharedData)
-#define SharedUserData ((KUSER_SHARED_DATA* const)KI_USER_SHARED_DATA)
+#define SharedUserData ((KUSER_SHARED_DATA*)KI_USER_SHARED_DATA)
