@@ -58,6 +58,11 @@ NTSTATUS LoadFilter(PDRIVER_INITIALIZE driverEntry, const FilterLoadOptions& opt
 // STATUS_FLT_DO_NOT_DETACH when the filter has no unload callback.
 NTSTATUS UnloadFilter(std::u16string_view name);
 
+// Detaches a filter's instance from a volume as `fltmc detach` does: asks the instance's query
+// teardown callback (a failure refuses and is returned), then teardown start and complete with
+// FLTFL_INSTANCE_TEARDOWN_MANUAL. STATUS_FLT_DO_NOT_DETACH without a query teardown callback.
+NTSTATUS DetachFilter(std::u16string_view filterName, std::u16string_view deviceName);
+
 // Names of the loaded filters, highest altitude first.
 std::vector<std::u16string> LoadedFilters();
 

@@ -1,0 +1,952 @@
+// Operations on open files: read, write, query and set information, directory queries, EAs and
+// flushes, as the native API, the Filter Manager's I/O below a filter, and the test-issued forms.
+#include "iomgr.hpp"
+
+#include <ntsim/sim/process.hpp>
+#include <ntsim/sim/text.hpp>
+#include <ntsim/sim/verifier.hpp>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace ntsim::iomgr {
+
+namespace {
+
+struct ReadWrite {
+    bool write = false;
+    FileObjectRecord* record = nullptr;
+    const _FLT_INSTANCE* below = nullptr;
+    PLARGE_INTEGER byteOffset = nullptr;  // null: the file object's position
+    ULONG length = 0;
+    PVOID buffer = nullptr;
+    ULONG irpFlags = 0;
+    bool tryFastIo = false;
+    bool updatePosition = true;
+    KPROCESSOR_MODE mode = KernelMode;
+    bool generated = false;
+};
+
+bool UsesFilePosition(const LARGE_INTEGER* offset)
+{
+    return offset == nullptr || (offset->HighPart == -1 && offset->LowPart == FILE_USE_FILE_POINTER_POSITION);
+}
+
+// One attempt of a read or write: as fast I/O or as an IRP.
+DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fastIo, IO_STATUS_BLOCK* ioStatus)
+{
+    FileObjectRecord* record = request.record;
+    CallbackFrame frame((fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION) |
+                            (request.generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
+                        request.mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = request.write ? IRP_MJ_WRITE : IRP_MJ_READ;
+    iopb.IrpFlags = fastIo ? 0
+                           : request.irpFlags | (request.write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION) |
+                                 IRP_SYNCHRONOUS_API;
+    iopb.TargetFileObject = &record->fileObject;
+    if (request.write) {
+        iopb.Parameters.Write.Length = request.length;
+        iopb.Parameters.Write.ByteOffset.QuadPart = offset;
+        iopb.Parameters.Write.WriteBuffer = request.buffer;
+    } else {
+        iopb.Parameters.Read.Length = request.length;
+        iopb.Parameters.Read.ByteOffset.QuadPart = offset;
+        iopb.Parameters.Read.ReadBuffer = request.buffer;
+    }
+    DispatchResult result = Dispatch(
+        *record->volume, request.below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+            const LARGE_INTEGER byteOffset =
+                request.write ? params.Parameters.Write.ByteOffset : params.Parameters.Read.ByteOffset;
+            const ULONG length = request.write ? params.Parameters.Write.Length : params.Parameters.Read.Length;
+            const bool pagingOrNoncached = (params.IrpFlags & (IRP_PAGING_IO | IRP_NOCACHE)) != 0;
+            ULONG transferred = 0;
+            NTSTATUS status;
+            if (record->open == nullptr || record->closed) {
+                status = STATUS_FILE_CLOSED;
+            } else if (record->cleanedUp && !pagingOrNoncached) {
+                // After cleanup only the cache and memory managers' I/O may come.
+                status = STATUS_FILE_CLOSED;
+            } else if (request.write) {
+                LONGLONG at = byteOffset.QuadPart;
+                status = STATUS_SUCCESS;
+                if (byteOffset.HighPart == -1 && byteOffset.LowPart == FILE_WRITE_TO_END_OF_FILE) {
+                    FILE_STANDARD_INFORMATION standard{};
+                    ULONG returned = 0;
+                    status = record->volume->volume->QueryInformation(*record->open, FileStandardInformation,
+                                                                      &standard, sizeof(standard), &returned);
+                    at = standard.EndOfFile.QuadPart;
+                }
+                if (NT_SUCCESS(status)) {
+                    status = record->volume->volume->Write(*record->open, at, length,
+                                                          params.Parameters.Write.WriteBuffer, &transferred);
+                }
+            } else {
+                status = record->volume->volume->Read(*record->open, byteOffset.QuadPart, length,
+                                                      params.Parameters.Read.ReadBuffer, &transferred);
+            }
+            data.IoStatus.Status = status;
+            data.IoStatus.Information = transferred;
+        });
+    *ioStatus = frame.data.IoStatus;
+    return result;
+}
+
+NTSTATUS DoReadWrite(const ReadWrite& request, PIO_STATUS_BLOCK ioStatus, ULONG* transferred)
+{
+    FileObjectRecord* record = request.record;
+    FILE_OBJECT& fileObject = record->fileObject;
+    const bool synchronous = (fileObject.Flags & FO_SYNCHRONOUS_IO) != 0;
+    const bool paging = (request.irpFlags & IRP_PAGING_IO) != 0;
+    LONGLONG offset;
+    std::unique_lock<std::mutex> position(record->positionMutex, std::defer_lock);
+    if (UsesFilePosition(request.byteOffset)) {
+        if (!synchronous) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        position.lock();
+        offset = fileObject.CurrentByteOffset.QuadPart;
+    } else {
+        if (synchronous && !paging) {
+            position.lock();
+        }
+        offset = request.byteOffset->QuadPart;
+    }
+
+    IO_STATUS_BLOCK result{};
+    const bool cached = (request.irpFlags & (IRP_NOCACHE | IRP_PAGING_IO)) == 0 &&
+                        (fileObject.Flags & FO_NO_INTERMEDIATE_BUFFERING) == 0;
+    bool done = false;
+    if (request.tryFastIo && cached) {
+        done = SendReadWrite(request, offset, true, &result) == DispatchResult::Completed;
+    }
+    if (!done) {
+        SendReadWrite(request, offset, false, &result);
+        if (cached && NT_SUCCESS(result.Status)) {
+            // The file system has set up caching for this open: later cached I/O may go fast.
+            fileObject.PrivateCacheMap = &record->sectionObjectPointers;
+            record->sectionObjectPointers.SharedCacheMap = &record->sectionObjectPointers;
+        }
+    }
+    if (NT_SUCCESS(result.Status) && synchronous && !paging && request.updatePosition) {
+        LONGLONG start = offset;
+        if (request.write && request.byteOffset != nullptr && request.byteOffset->HighPart == -1 &&
+            request.byteOffset->LowPart == FILE_WRITE_TO_END_OF_FILE) {
+            FILE_STANDARD_INFORMATION standard{};
+            ULONG returned = 0;
+            record->volume->volume->QueryInformation(*record->open, FileStandardInformation, &standard,
+                                                     sizeof(standard), &returned);
+            start = standard.EndOfFile.QuadPart - static_cast<LONGLONG>(result.Information);
+        }
+        fileObject.CurrentByteOffset.QuadPart = start + static_cast<LONGLONG>(result.Information);
+    }
+    if (request.write && NT_SUCCESS(result.Status) && !paging) {
+        fileObject.Flags |= FO_FILE_MODIFIED;
+    }
+    if (ioStatus != nullptr) {
+        *ioStatus = result;
+    }
+    if (transferred != nullptr) {
+        *transferred = static_cast<ULONG>(result.Information);
+    }
+    return result.Status;
+}
+
+ACCESS_MASK AccessToQuery(FILE_INFORMATION_CLASS infoClass)
+{
+    switch (infoClass) {
+    case FileBasicInformation:
+    case FileAllInformation:
+    case FileNetworkOpenInformation:
+    case FileAttributeTagInformation:
+        return FILE_READ_ATTRIBUTES;
+    default:
+        return 0;
+    }
+}
+
+ACCESS_MASK AccessToSet(FILE_INFORMATION_CLASS infoClass)
+{
+    switch (infoClass) {
+    case FileBasicInformation:
+        return FILE_WRITE_ATTRIBUTES;
+    case FileRenameInformation:
+    case FileDispositionInformation:
+    case FileDispositionInformationEx:
+        return DELETE;
+    case FileEndOfFileInformation:
+    case FileAllocationInformation:
+        return FILE_WRITE_DATA;
+    default:
+        return 0;
+    }
+}
+
+// A set-information request on a file object, with the target of a rename or link resolved.
+NTSTATUS SetInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, HANDLE handle,
+                                    PVOID buffer, ULONG length, FILE_INFORMATION_CLASS infoClass,
+                                    KPROCESSOR_MODE mode, bool generated)
+{
+    if (infoClass == FilePositionInformation) {
+        if (length < sizeof(FILE_POSITION_INFORMATION)) {
+            return STATUS_INFO_LENGTH_MISMATCH;
+        }
+        std::lock_guard lock(record->positionMutex);
+        record->fileObject.CurrentByteOffset = static_cast<PFILE_POSITION_INFORMATION>(buffer)->CurrentByteOffset;
+        return STATUS_SUCCESS;
+    }
+    std::vector<UCHAR> systemBuffer(static_cast<const UCHAR*>(buffer), static_cast<const UCHAR*>(buffer) + length);
+
+    // Rename and link: a target with a path has its directory opened through the stack first.
+    FileObjectRecord* parent = nullptr;
+    std::u16string targetPath;
+    bool hasTarget = false;
+    BOOLEAN replaceIfExists = FALSE;
+    if (infoClass == FileRenameInformation || infoClass == FileLinkInformation) {
+        if (length < FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName)) {
+            return STATUS_INFO_LENGTH_MISMATCH;
+        }
+        const auto* rename = reinterpret_cast<const FILE_RENAME_INFORMATION*>(systemBuffer.data());
+        if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + static_cast<size_t>(rename->FileNameLength) > length) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        replaceIfExists = rename->ReplaceIfExists;
+        std::u16string name(reinterpret_cast<const char16_t*>(rename->FileName), rename->FileNameLength / sizeof(WCHAR));
+        hasTarget = true;
+        if (rename->RootDirectory == nullptr && name.find(u'\\') == std::u16string::npos) {
+            // A simple name: the target is in the source's own directory.
+            std::u16string directory = record->volumePath;
+            size_t slash = directory.rfind(u'\\');
+            directory = slash == std::u16string::npos || slash == 0 ? u"\\" : directory.substr(0, slash);
+            targetPath = directory + (directory.back() == u'\\' ? u"" : u"\\") + name;
+        } else {
+            UNICODE_STRING objectName{static_cast<USHORT>(rename->FileNameLength),
+                                      static_cast<USHORT>(rename->FileNameLength),
+                                      const_cast<PWCH>(rename->FileName)};
+            OBJECT_ATTRIBUTES attributes;
+            InitializeObjectAttributes(&attributes, &objectName, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
+                                       rename->RootDirectory, nullptr);
+            CreateRequest request;
+            request.objectAttributes = &attributes;
+            request.desiredAccess = FILE_WRITE_DATA | SYNCHRONIZE;
+            request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE;
+            request.disposition = FILE_OPEN;
+            request.ioFlags = IO_OPEN_TARGET_DIRECTORY;
+            request.mode = mode;
+            request.generatedByFilter = generated;
+            IO_STATUS_BLOCK ioStatus{};
+            NTSTATUS status = CreateFileObject(request, &ioStatus, &parent);
+            if (!NT_SUCCESS(status)) {
+                return status;
+            }
+            if (parent->volume != record->volume) {
+                DereferenceFile(parent);
+                return STATUS_NOT_SAME_DEVICE;
+            }
+            std::u16string finalComponent(View(parent->fileObject.FileName));
+            targetPath = parent->volumePath + (parent->volumePath.back() == u'\\' ? u"" : u"\\") + finalComponent;
+        }
+    }
+
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
+                            (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
+                        mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_SET_INFORMATION;
+    iopb.IrpFlags = IRP_BUFFERED_IO | IRP_SYNCHRONOUS_API;
+    iopb.TargetFileObject = &record->fileObject;
+    auto& set = iopb.Parameters.SetFileInformation;
+    set.Length = length;
+    set.FileInformationClass = infoClass;
+    set.ParentOfTarget = parent != nullptr ? &parent->fileObject : nullptr;
+    if (hasTarget) {
+        set.ReplaceIfExists = replaceIfExists;
+    } else if (infoClass == FileDispositionInformation || infoClass == FileDispositionInformationEx) {
+        set.DeleteHandle = handle;
+    }
+    set.InfoBuffer = systemBuffer.data();
+    Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+        const auto& p = params.Parameters.SetFileInformation;
+        NTSTATUS status = record->open == nullptr ? STATUS_FILE_CLOSED
+                                                  : record->volume->volume->SetInformation(
+                                                        *record->open, p.FileInformationClass, p.InfoBuffer,
+                                                        p.Length, hasTarget ? &targetPath : nullptr);
+        if (NT_SUCCESS(status) && hasTarget && infoClass == FileRenameInformation) {
+            record->volumePath = targetPath;
+        }
+        if (NT_SUCCESS(status) &&
+            (p.FileInformationClass == FileDispositionInformation ||
+             p.FileInformationClass == FileDispositionInformationEx)) {
+            record->fileObject.DeletePending = *static_cast<const BOOLEAN*>(p.InfoBuffer);
+        }
+        data.IoStatus.Status = status;
+        data.IoStatus.Information = 0;
+    });
+    if (parent != nullptr) {
+        DereferenceFile(parent);
+    }
+    return frame.data.IoStatus.Status;
+}
+
+NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
+                                    FILE_INFORMATION_CLASS infoClass, PCUNICODE_STRING pattern, UCHAR flags,
+                                    ULONG fileIndex, KPROCESSOR_MODE mode)
+{
+    // The pattern is captured, as the I/O manager does for a caller's string.
+    std::u16string patternText;
+    UNICODE_STRING capturedPattern{};
+    if (pattern != nullptr && pattern->Length != 0) {
+        patternText = std::u16string(View(*pattern));
+        capturedPattern.Buffer = AsWide(patternText.data());
+        capturedPattern.Length = static_cast<USHORT>(patternText.size() * sizeof(WCHAR));
+        capturedPattern.MaximumLength = capturedPattern.Length;
+    }
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+    iopb.MinorFunction = IRP_MN_QUERY_DIRECTORY;
+    iopb.OperationFlags = flags;
+    iopb.IrpFlags = IRP_SYNCHRONOUS_API;
+    iopb.TargetFileObject = &record->fileObject;
+    auto& query = iopb.Parameters.DirectoryControl.QueryDirectory;
+    query.Length = length;
+    query.FileName = capturedPattern.Buffer != nullptr ? &capturedPattern : nullptr;
+    query.FileInformationClass = infoClass;
+    query.FileIndex = fileIndex;
+    query.DirectoryBuffer = buffer;
+    Dispatch(*record->volume, record->below.get(), frame,
+             [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+                 const auto& q = params.Parameters.DirectoryControl.QueryDirectory;
+                 ULONG returned = 0;
+                 NTSTATUS status = STATUS_FILE_CLOSED;
+                 if (record->open != nullptr) {
+                     status = !record->open->IsDirectory()
+                                  ? STATUS_INVALID_PARAMETER
+                                  : record->volume->volume->QueryDirectory(*record->open, q.FileInformationClass,
+                                                                           q.DirectoryBuffer, q.Length, q.FileName,
+                                                                           params.OperationFlags, q.FileIndex,
+                                                                           &returned);
+                 }
+                 data.IoStatus.Status = status;
+                 data.IoStatus.Information = returned;
+             });
+    if (ioStatus != nullptr) {
+        *ioStatus = frame.data.IoStatus;
+    }
+    return frame.data.IoStatus.Status;
+}
+
+NTSTATUS QueryEaThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
+                             UCHAR flags, PVOID eaList, ULONG eaListLength, ULONG eaIndex, bool tryFastIo,
+                             KPROCESSOR_MODE mode)
+{
+    IO_STATUS_BLOCK result{};
+    for (bool fastIo : {true, false}) {
+        if (fastIo && !tryFastIo) {
+            continue;
+        }
+        CallbackFrame frame(fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
+        FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+        iopb.MajorFunction = IRP_MJ_QUERY_EA;
+        iopb.OperationFlags = flags;
+        iopb.IrpFlags = fastIo ? 0 : IRP_SYNCHRONOUS_API;
+        iopb.TargetFileObject = &record->fileObject;
+        auto& query = iopb.Parameters.QueryEa;
+        query.Length = length;
+        query.EaList = eaList;
+        query.EaListLength = eaListLength;
+        query.EaIndex = eaIndex;
+        query.EaBuffer = buffer;
+        DispatchResult dispatched = Dispatch(
+            *record->volume, record->below.get(), frame,
+            [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+                ULONG returned = 0;
+                NTSTATUS status = record->open == nullptr
+                                      ? STATUS_FILE_CLOSED
+                                      : record->volume->volume->QueryEa(*record->open, params.Parameters.QueryEa.EaBuffer,
+                                                                        params.Parameters.QueryEa.Length, &returned);
+                data.IoStatus.Status = status;
+                data.IoStatus.Information = returned;
+            });
+        result = frame.data.IoStatus;
+        if (dispatched == DispatchResult::Completed) {
+            break;
+        }
+    }
+    if (ioStatus != nullptr) {
+        *ioStatus = result;
+    }
+    return result.Status;
+}
+
+// IRP_MJ_ACQUIRE_FOR_CC_FLUSH or IRP_MJ_RELEASE_FOR_CC_FLUSH, a file system filter operation.
+NTSTATUS SendCcFlushCallback(FileObjectRecord* record, UCHAR major)
+{
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION, ExGetPreviousMode());
+    frame.iopb.MajorFunction = major;
+    frame.iopb.TargetFileObject = &record->fileObject;
+    Dispatch(*record->volume, nullptr, frame, [](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK&) {
+        data.IoStatus.Status = STATUS_SUCCESS;
+        data.IoStatus.Information = 0;
+    });
+    return frame.data.IoStatus.Status;
+}
+
+// The cache manager's flush of one file: acquire, the file system's flush, release.
+NTSTATUS FlushCache(FileObjectRecord* record)
+{
+    NTSTATUS status = SendCcFlushCallback(record, IRP_MJ_ACQUIRE_FOR_CC_FLUSH);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    NTSTATUS flushed = record->open != nullptr ? record->volume->volume->Flush(*record->open) : STATUS_FILE_CLOSED;
+    SendCcFlushCallback(record, IRP_MJ_RELEASE_FOR_CC_FLUSH);
+    return flushed;
+}
+
+NTSTATUS FlushBuffersThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, KPROCESSOR_MODE mode)
+{
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
+    frame.iopb.MajorFunction = IRP_MJ_FLUSH_BUFFERS;
+    frame.iopb.IrpFlags = IRP_SYNCHRONOUS_API;
+    frame.iopb.TargetFileObject = &record->fileObject;
+    Dispatch(*record->volume, record->below.get(), frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK&) {
+        data.IoStatus.Status = FlushCache(record);
+        data.IoStatus.Information = 0;
+    });
+    if (ioStatus != nullptr) {
+        *ioStatus = frame.data.IoStatus;
+    }
+    return frame.data.IoStatus.Status;
+}
+
+void SetIoStatus(PIO_STATUS_BLOCK ioStatus, NTSTATUS status, ULONG_PTR information)
+{
+    if (ioStatus != nullptr) {
+        ioStatus->Status = status;
+        ioStatus->Information = information;
+    }
+}
+
+bool AsynchronousArguments(HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcContext)
+{
+    return event != nullptr || apcRoutine != nullptr || apcContext != nullptr;
+}
+
+}  // namespace
+
+NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                      ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                      bool generated, ULONG* returned)
+{
+    if (infoClass == FilePositionInformation && (record->fileObject.Flags & FO_SYNCHRONOUS_IO) != 0) {
+        if (length < sizeof(FILE_POSITION_INFORMATION)) {
+            return STATUS_INFO_LENGTH_MISMATCH;
+        }
+        std::lock_guard lock(record->positionMutex);
+        static_cast<PFILE_POSITION_INFORMATION>(buffer)->CurrentByteOffset = record->fileObject.CurrentByteOffset;
+        *returned = sizeof(FILE_POSITION_INFORMATION);
+        return STATUS_SUCCESS;
+    }
+    std::vector<UCHAR> systemBuffer(length);
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
+                            (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
+                        mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_QUERY_INFORMATION;
+    iopb.IrpFlags = IRP_BUFFERED_IO | IRP_INPUT_OPERATION | IRP_SYNCHRONOUS_API;
+    iopb.TargetFileObject = &record->fileObject;
+    iopb.Parameters.QueryFileInformation.Length = length;
+    iopb.Parameters.QueryFileInformation.FileInformationClass = infoClass;
+    iopb.Parameters.QueryFileInformation.InfoBuffer = systemBuffer.data();
+    Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+        const auto& q = params.Parameters.QueryFileInformation;
+        ULONG filled = 0;
+        NTSTATUS status = record->open == nullptr ? STATUS_FILE_CLOSED
+                                                  : record->volume->volume->QueryInformation(
+                                                        *record->open, q.FileInformationClass, q.InfoBuffer,
+                                                        q.Length, &filled);
+        data.IoStatus.Status = status;
+        data.IoStatus.Information = filled;
+    });
+    const NTSTATUS status = frame.data.IoStatus.Status;
+    ULONG copied = 0;
+    if (!NT_ERROR(status)) {
+        copied = static_cast<ULONG>(std::min<ULONG_PTR>(frame.data.IoStatus.Information, length));
+        std::memcpy(buffer, systemBuffer.data(), copied);
+    }
+    *returned = copied;
+    return status;
+}
+
+}  // namespace ntsim::iomgr
+
+using namespace ntsim;
+using namespace ntsim::iomgr;
+
+namespace {
+
+// The file object behind a handle, referenced for the call, with the access the operation needs.
+class HandleReference {
+public:
+    HandleReference(HANDLE handle, ACCESS_MASK access, KPROCESSOR_MODE mode)
+    {
+        status_ = ReferenceFileByHandle(handle, access, mode, &record_);
+    }
+    ~HandleReference()
+    {
+        if (record_ != nullptr) {
+            DereferenceFile(record_);
+        }
+    }
+    HandleReference(const HandleReference&) = delete;
+    HandleReference& operator=(const HandleReference&) = delete;
+    NTSTATUS status() const { return status_; }
+    FileObjectRecord* get() const { return record_; }
+
+private:
+    NTSTATUS status_;
+    FileObjectRecord* record_ = nullptr;
+};
+
+NTSTATUS NativeReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE Event,
+                         PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
+                         ULONG Length, PLARGE_INTEGER ByteOffset)
+{
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, write ? "NtWriteFile" : "NtReadFile");
+    if (AsynchronousArguments(Event, ApcRoutine, ApcContext)) {
+        return verifier::NotImplemented(write ? "NtWriteFile with an event or APC" : "NtReadFile with an event or APC");
+    }
+    if (IoStatusBlock == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ScopedPreviousMode previousMode(mode);
+    FileObjectRecord* record = nullptr;
+    NTSTATUS status = ReferenceFileByHandle(FileHandle, write ? FILE_WRITE_DATA : FILE_READ_DATA, mode, &record);
+    if (write && status == STATUS_ACCESS_DENIED) {
+        // Appending needs FILE_APPEND_DATA only.
+        status = ReferenceFileByHandle(FileHandle, FILE_APPEND_DATA, mode, &record);
+    }
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    ReadWrite request;
+    request.write = write;
+    request.record = record;
+    request.byteOffset = ByteOffset;
+    request.length = Length;
+    request.buffer = Buffer;
+    request.tryFastIo = record->fileObject.PrivateCacheMap != nullptr;
+    request.mode = mode;
+    status = DoReadWrite(request, IoStatusBlock, nullptr);
+    DereferenceFile(record);
+    return status;
+}
+
+ULONG FltIoFlagsToIrpFlags(FLT_IO_OPERATION_FLAGS flags)
+{
+    ULONG irpFlags = 0;
+    if ((flags & FLTFL_IO_OPERATION_NON_CACHED) != 0) {
+        irpFlags |= IRP_NOCACHE;
+    }
+    if ((flags & FLTFL_IO_OPERATION_PAGING) != 0) {
+        irpFlags |= IRP_PAGING_IO | IRP_NOCACHE;
+    }
+    if ((flags & FLTFL_IO_OPERATION_SYNCHRONOUS_PAGING) != 0) {
+        irpFlags |= IRP_SYNCHRONOUS_PAGING_IO;
+    }
+    return irpFlags;
+}
+
+NTSTATUS FltReadWrite(bool write, PFLT_INSTANCE InitiatingInstance, PFILE_OBJECT FileObject,
+                      PLARGE_INTEGER ByteOffset, ULONG Length, PVOID Buffer, FLT_IO_OPERATION_FLAGS Flags,
+                      PULONG transferred, PFLT_COMPLETED_ASYNC_IO_CALLBACK CallbackRoutine)
+{
+    verifier::AssertIrqlAtMost(APC_LEVEL, write ? "FltWriteFile" : "FltReadFile");
+    if (CallbackRoutine != nullptr) {
+        return verifier::NotImplemented(write ? "FltWriteFile with a completion callback"
+                                              : "FltReadFile with a completion callback");
+    }
+    auto instance = InstanceOf(InitiatingInstance);
+    if (instance == nullptr || FileObject == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ReadWrite request;
+    request.write = write;
+    request.record = RecordOf(FileObject);
+    request.below = instance.get();
+    request.byteOffset = ByteOffset;
+    request.length = Length;
+    request.buffer = Buffer;
+    request.irpFlags = FltIoFlagsToIrpFlags(Flags);
+    request.updatePosition = (Flags & FLTFL_IO_OPERATION_DO_NOT_UPDATE_BYTE_OFFSET) == 0;
+    request.mode = KernelMode;
+    request.generated = true;
+    ULONG done = 0;
+    NTSTATUS status = DoReadWrite(request, nullptr, &done);
+    if (transferred != nullptr) {
+        *transferred = done;
+    }
+    return status;
+}
+
+}  // namespace
+
+namespace ntsim {
+
+NTSTATUS IoReadFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, void* buffer, const IoRequest& request,
+                    ULONG* transferred)
+{
+    LARGE_INTEGER at;
+    at.QuadPart = offset;
+    ReadWrite rw;
+    rw.record = RecordOf(fileObject);
+    rw.byteOffset = &at;
+    rw.length = length;
+    rw.buffer = buffer;
+    rw.irpFlags = request.irpFlags;
+    rw.tryFastIo = request.fastIo;
+    rw.mode = ExGetPreviousMode();
+    return DoReadWrite(rw, nullptr, transferred);
+}
+
+NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* buffer,
+                     const IoRequest& request, ULONG* transferred)
+{
+    LARGE_INTEGER at;
+    at.QuadPart = offset;
+    ReadWrite rw;
+    rw.write = true;
+    rw.record = RecordOf(fileObject);
+    rw.byteOffset = &at;
+    rw.length = length;
+    rw.buffer = const_cast<void*>(buffer);
+    rw.irpFlags = request.irpFlags;
+    rw.tryFastIo = request.fastIo;
+    rw.mode = ExGetPreviousMode();
+    return DoReadWrite(rw, nullptr, transferred);
+}
+
+NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned)
+{
+    IO_STATUS_BLOCK ioStatus{};
+    NTSTATUS status = QueryEaThroughStack(RecordOf(fileObject), &ioStatus, buffer, length, 0, nullptr, 0, 0, fastIo,
+                                          ExGetPreviousMode());
+    if (returned != nullptr) {
+        *returned = static_cast<ULONG>(ioStatus.Information);
+    }
+    return status;
+}
+
+NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
+                              PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned)
+{
+    IO_STATUS_BLOCK ioStatus{};
+    NTSTATUS status = QueryDirectoryThroughStack(RecordOf(fileObject), &ioStatus, buffer, length, infoClass, pattern,
+                                                 flags, fileIndex, ExGetPreviousMode());
+    if (returned != nullptr) {
+        *returned = static_cast<ULONG>(ioStatus.Information);
+    }
+    return status;
+}
+
+NTSTATUS IoFlushCache(PFILE_OBJECT fileObject)
+{
+    return FlushCache(RecordOf(fileObject));
+}
+
+}  // namespace ntsim
+
+extern "C" {
+
+NTSTATUS NTAPI NtReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                          PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                          PULONG)
+{
+    return NativeReadWrite(false, ExGetPreviousMode(), FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock,
+                           Buffer, Length, ByteOffset);
+}
+
+NTSTATUS NTAPI ZwReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                          PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                          PULONG)
+{
+    return NativeReadWrite(false, KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, Buffer,
+                           Length, ByteOffset);
+}
+
+NTSTATUS NTAPI NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                           PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                           PULONG)
+{
+    return NativeReadWrite(true, ExGetPreviousMode(), FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock,
+                           Buffer, Length, ByteOffset);
+}
+
+NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                           PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                           PULONG)
+{
+    return NativeReadWrite(true, KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, Buffer, Length,
+                           ByteOffset);
+}
+
+static NTSTATUS QueryInformationAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
+                                   PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryInformationFile");
+    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ScopedPreviousMode previousMode(mode);
+    HandleReference file(FileHandle, AccessToQuery(FileInformationClass), mode);
+    if (!NT_SUCCESS(file.status())) {
+        return file.status();
+    }
+    ULONG returned = 0;
+    NTSTATUS status = QueryInformationThroughStack(file.get(), nullptr, FileInformation, Length, FileInformationClass,
+                                                   mode, false, &returned);
+    SetIoStatus(IoStatusBlock, status, returned);
+    return status;
+}
+
+NTSTATUS NTAPI NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    return QueryInformationAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, FileInformation, Length,
+                              FileInformationClass);
+}
+
+NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    return QueryInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
+}
+
+static NTSTATUS SetInformationAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
+                                 PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtSetInformationFile");
+    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ScopedPreviousMode previousMode(mode);
+    HandleReference file(FileHandle, AccessToSet(FileInformationClass), mode);
+    if (!NT_SUCCESS(file.status())) {
+        return file.status();
+    }
+    NTSTATUS status = SetInformationThroughStack(file.get(), nullptr, FileHandle, FileInformation, Length,
+                                                 FileInformationClass, mode, false);
+    SetIoStatus(IoStatusBlock, status, 0);
+    return status;
+}
+
+NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                    ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    return SetInformationAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, FileInformation, Length,
+                            FileInformationClass);
+}
+
+NTSTATUS NTAPI ZwSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                    ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    return SetInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
+}
+
+static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                 PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                 ULONG Length, FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
+                                 PUNICODE_STRING FileName)
+{
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryDirectoryFile");
+    if (AsynchronousArguments(Event, ApcRoutine, ApcContext)) {
+        return verifier::NotImplemented("NtQueryDirectoryFile with an event or APC");
+    }
+    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if ((QueryFlags & FILE_QUERY_INDEX_SPECIFIED) != 0) {
+        // No native caller can name the index; ntsim::IoQueryDirectoryFile can.
+        return STATUS_INVALID_PARAMETER;
+    }
+    ScopedPreviousMode previousMode(mode);
+    HandleReference file(FileHandle, FILE_LIST_DIRECTORY, mode);
+    if (!NT_SUCCESS(file.status())) {
+        return file.status();
+    }
+    UCHAR flags = 0;
+    if ((QueryFlags & FILE_QUERY_RESTART_SCAN) != 0) {
+        flags |= SL_RESTART_SCAN;
+    }
+    if ((QueryFlags & FILE_QUERY_RETURN_SINGLE_ENTRY) != 0) {
+        flags |= SL_RETURN_SINGLE_ENTRY;
+    }
+    return QueryDirectoryThroughStack(file.get(), IoStatusBlock, FileInformation, Length, FileInformationClass,
+                                      FileName, flags, 0, mode);
+}
+
+NTSTATUS NTAPI NtQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                    PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+                                    FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry,
+                                    PUNICODE_STRING FileName, BOOLEAN RestartScan)
+{
+    return QueryDirectoryAs(ExGetPreviousMode(), FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock,
+                            FileInformation, Length, FileInformationClass,
+                            (ReturnSingleEntry ? FILE_QUERY_RETURN_SINGLE_ENTRY : 0) |
+                                (RestartScan ? FILE_QUERY_RESTART_SCAN : 0),
+                            FileName);
+}
+
+NTSTATUS NTAPI ZwQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                    PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+                                    FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry,
+                                    PUNICODE_STRING FileName, BOOLEAN RestartScan)
+{
+    return QueryDirectoryAs(KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, FileInformation,
+                            Length, FileInformationClass,
+                            (ReturnSingleEntry ? FILE_QUERY_RETURN_SINGLE_ENTRY : 0) |
+                                (RestartScan ? FILE_QUERY_RESTART_SCAN : 0),
+                            FileName);
+}
+
+NTSTATUS NTAPI NtQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                      PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+                                      FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
+                                      PUNICODE_STRING FileName)
+{
+    return QueryDirectoryAs(ExGetPreviousMode(), FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock,
+                            FileInformation, Length, FileInformationClass, QueryFlags, FileName);
+}
+
+NTSTATUS NTAPI ZwQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                      PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+                                      FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
+                                      PUNICODE_STRING FileName)
+{
+    return QueryDirectoryAs(KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, FileInformation,
+                            Length, FileInformationClass, QueryFlags, FileName);
+}
+
+static NTSTATUS QueryEaAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
+                          ULONG Length, BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex,
+                          BOOLEAN RestartScan)
+{
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryEaFile");
+    if (IoStatusBlock == nullptr || Buffer == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ScopedPreviousMode previousMode(mode);
+    HandleReference file(FileHandle, FILE_READ_EA, mode);
+    if (!NT_SUCCESS(file.status())) {
+        return file.status();
+    }
+    UCHAR flags = (ReturnSingleEntry ? SL_RETURN_SINGLE_ENTRY : 0) | (RestartScan ? SL_RESTART_SCAN : 0) |
+                  (EaIndex != nullptr ? SL_INDEX_SPECIFIED : 0);
+    return QueryEaThroughStack(file.get(), IoStatusBlock, Buffer, Length, flags, EaList, EaListLength,
+                               EaIndex != nullptr ? *EaIndex : 0, false, mode);
+}
+
+NTSTATUS NTAPI NtQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                             BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex,
+                             BOOLEAN RestartScan)
+{
+    return QueryEaAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, Buffer, Length, ReturnSingleEntry, EaList,
+                     EaListLength, EaIndex, RestartScan);
+}
+
+NTSTATUS NTAPI ZwQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                             BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex,
+                             BOOLEAN RestartScan)
+{
+    return QueryEaAs(KernelMode, FileHandle, IoStatusBlock, Buffer, Length, ReturnSingleEntry, EaList, EaListLength,
+                     EaIndex, RestartScan);
+}
+
+static NTSTATUS FlushAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
+{
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtFlushBuffersFile");
+    if (IoStatusBlock == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ScopedPreviousMode previousMode(mode);
+    HandleReference file(FileHandle, 0, mode);
+    if (!NT_SUCCESS(file.status())) {
+        return file.status();
+    }
+    if (mode == UserMode && (file.get()->grantedAccess & (FILE_WRITE_DATA | FILE_APPEND_DATA)) == 0) {
+        return STATUS_ACCESS_DENIED;
+    }
+    return FlushBuffersThroughStack(file.get(), IoStatusBlock, mode);
+}
+
+NTSTATUS NTAPI NtFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
+{
+    return FlushAs(ExGetPreviousMode(), FileHandle, IoStatusBlock);
+}
+
+NTSTATUS NTAPI ZwFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
+{
+    return FlushAs(KernelMode, FileHandle, IoStatusBlock);
+}
+
+NTSTATUS FLTAPI FltReadFile(PFLT_INSTANCE InitiatingInstance, PFILE_OBJECT FileObject, PLARGE_INTEGER ByteOffset,
+                            ULONG Length, PVOID Buffer, FLT_IO_OPERATION_FLAGS Flags, PULONG BytesRead,
+                            PFLT_COMPLETED_ASYNC_IO_CALLBACK CallbackRoutine, PVOID)
+{
+    if (auto failure = faults::Check("FltReadFile")) {
+        return *failure;
+    }
+    return FltReadWrite(false, InitiatingInstance, FileObject, ByteOffset, Length, Buffer, Flags, BytesRead,
+                        CallbackRoutine);
+}
+
+NTSTATUS FLTAPI FltWriteFile(PFLT_INSTANCE InitiatingInstance, PFILE_OBJECT FileObject, PLARGE_INTEGER ByteOffset,
+                             ULONG Length, PVOID Buffer, FLT_IO_OPERATION_FLAGS Flags, PULONG BytesWritten,
+                             PFLT_COMPLETED_ASYNC_IO_CALLBACK CallbackRoutine, PVOID)
+{
+    if (auto failure = faults::Check("FltWriteFile")) {
+        return *failure;
+    }
+    return FltReadWrite(true, InitiatingInstance, FileObject, ByteOffset, Length, Buffer, Flags, BytesWritten,
+                        CallbackRoutine);
+}
+
+NTSTATUS FLTAPI FltQueryInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
+                                        ULONG Length, FILE_INFORMATION_CLASS FileInformationClass,
+                                        PULONG LengthReturned)
+{
+    if (auto failure = faults::Check("FltQueryInformationFile")) {
+        return *failure;
+    }
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltQueryInformationFile");
+    auto instance = InstanceOf(Instance);
+    if (instance == nullptr || FileObject == nullptr || FileInformation == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    ULONG returned = 0;
+    NTSTATUS status = QueryInformationThroughStack(RecordOf(FileObject), instance.get(), FileInformation, Length,
+                                                   FileInformationClass, KernelMode, true, &returned);
+    if (LengthReturned != nullptr) {
+        *LengthReturned = returned;
+    }
+    return status;
+}
+
+NTSTATUS FLTAPI FltSetInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
+                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+{
+    if (auto failure = faults::Check("FltSetInformationFile")) {
+        return *failure;
+    }
+    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltSetInformationFile");
+    auto instance = InstanceOf(Instance);
+    if (instance == nullptr || FileObject == nullptr || FileInformation == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    return SetInformationThroughStack(RecordOf(FileObject), instance.get(), nullptr, FileInformation, Length,
+                                      FileInformationClass, KernelMode, true);
+}
+
+}  // extern "C"

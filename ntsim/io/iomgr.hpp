@@ -1,0 +1,226 @@
+// Inside ntsim's I/O manager and Filter Manager: the records behind the opaque Filter Manager
+// objects and behind FILE_OBJECT, the registry of filters and volumes, and the dispatch of one
+// operation through the instances of a volume. Not for code outside ntsim/io.
+#pragma once
+
+#include <fltKernel.h>
+#include <ntsim/sim/faults.hpp>
+#include <ntsim/sim/iomanager.hpp>
+#include <ntsim/sim/volume.hpp>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// ---- Filter Manager objects ----
+
+struct _FLT_VOLUME;
+struct _FLT_INSTANCE;
+
+struct _FLT_FILTER {
+    enum class State { Registered, Filtering, Unregistered };
+
+    PDRIVER_OBJECT driver = nullptr;
+    FLT_REGISTRATION registration{};
+    std::vector<FLT_OPERATION_REGISTRATION> operations;
+    std::u16string name;
+    std::u16string altitude;
+    long double altitudeValue = 0;
+    State state = State::Registered;
+    std::atomic<long> references{0};
+    std::atomic<long> nameInformation{0};  // FLT_FILE_NAME_INFORMATION not yet released
+    // References this filter took on volumes by FltGetVolumeFromName, not yet dropped (under
+    // the registry's mutex).
+    std::map<const _FLT_VOLUME*, long> volumeReferences;
+};
+
+struct _FLT_VOLUME {
+    std::shared_ptr<ntsim::Volume> volume;
+    std::u16string deviceName;  // "\Device\HarddiskVolume2"
+    std::u16string driveLink;   // "\??\C:", or empty
+    DEVICE_OBJECT device{};
+    VPB vpb{};
+    bool mounted = true;
+    // Attached instances, highest altitude first (under the registry's mutex).
+    std::vector<std::shared_ptr<_FLT_INSTANCE>> instances;
+    std::atomic<long> references{0};
+};
+
+struct _FLT_INSTANCE {
+    std::shared_ptr<_FLT_FILTER> filter;
+    std::shared_ptr<_FLT_VOLUME> volume;
+    std::array<PFLT_PRE_OPERATION_CALLBACK, 256> pre{};
+    std::array<PFLT_POST_OPERATION_CALLBACK, 256> post{};
+    std::array<FLT_OPERATION_REGISTRATION_FLAGS, 256> flags{};
+    std::array<bool, 256> registered{};
+    std::atomic<long> references{0};
+};
+
+namespace ntsim::iomgr {
+
+// Verifier rules of the Filter Manager.
+namespace rules {
+inline constexpr std::string_view kInvalidPreopStatus = "FLT_INVALID_PREOP_STATUS";
+inline constexpr std::string_view kInvalidPostopStatus = "FLT_INVALID_POSTOP_STATUS";
+inline constexpr std::string_view kContextWithoutPostCallback = "FLT_COMPLETION_CONTEXT_WITHOUT_POST_CALLBACK";
+inline constexpr std::string_view kObjectReferenceLeak = "FLT_OBJECT_REFERENCE_LEAK";
+inline constexpr std::string_view kBadObject = "FLT_BAD_OBJECT";
+inline constexpr std::string_view kFilterNotUnregistered = "FLT_FILTER_NOT_UNREGISTERED";
+inline constexpr std::string_view kFileObjectReused = "IO_FILE_OBJECT_USED_AFTER_CLOSE";
+inline constexpr std::string_view kNameInformationLeak = "FLT_NAME_INFORMATION_LEAK";
+}  // namespace rules
+
+// A pool tag whose bytes in memory read as text.
+constexpr ULONG PoolTag(const char (&text)[5])
+{
+    return static_cast<ULONG>(static_cast<UCHAR>(text[0])) | static_cast<ULONG>(static_cast<UCHAR>(text[1])) << 8 |
+           static_cast<ULONG>(static_cast<UCHAR>(text[2])) << 16 | static_cast<ULONG>(static_cast<UCHAR>(text[3])) << 24;
+}
+
+// Pool tags of what the I/O manager allocates for drivers to see.
+inline constexpr ULONG kFileNameTag = PoolTag("IoNm");  // FILE_OBJECT::FileName buffers
+inline constexpr ULONG kNameInfoTag = PoolTag("FlFn");  // FLT_FILE_NAME_INFORMATION
+inline constexpr ULONG kSecurityTag = PoolTag("FlFs");  // default security descriptors
+
+struct LoadedDriver {
+    DRIVER_OBJECT object{};
+    std::u16string driverName;  // text behind object.DriverName
+    FilterLoadOptions options;
+    std::shared_ptr<_FLT_FILTER> filter;  // set by FltRegisterFilter
+};
+
+struct Registry {
+    std::recursive_mutex mutex;
+    std::vector<std::unique_ptr<LoadedDriver>> drivers;
+    std::vector<std::shared_ptr<_FLT_FILTER>> filters;  // registered, not yet unregistered
+    std::vector<std::shared_ptr<_FLT_VOLUME>> volumes;  // mounted
+};
+Registry& GetRegistry();
+
+// Case-insensitive comparison of names in the object namespace.
+bool NamesEqual(std::u16string_view a, std::u16string_view b);
+bool NameHasPrefix(std::u16string_view name, std::u16string_view prefix);
+
+std::shared_ptr<_FLT_VOLUME> FindVolumeByDeviceName(std::u16string_view deviceName);
+std::shared_ptr<_FLT_VOLUME> VolumeOfDevice(PDEVICE_OBJECT device);
+std::shared_ptr<_FLT_FILTER> FilterOf(PFLT_FILTER filter);
+std::shared_ptr<_FLT_INSTANCE> InstanceOf(PFLT_INSTANCE instance);
+
+// The instances of volume that an operation visits: all attached ones, or only those below
+// `below` (by altitude) when it is given. Highest first.
+std::vector<std::shared_ptr<_FLT_INSTANCE>> InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below);
+
+// Offers volume to filter: instance setup, and the instance's attachment on success.
+void SetupInstance(const std::shared_ptr<_FLT_FILTER>& filter, const std::shared_ptr<_FLT_VOLUME>& volume,
+                   FLT_INSTANCE_SETUP_FLAGS flags);
+// Teardown start and complete, and the detachment.
+void TeardownInstance(const std::shared_ptr<_FLT_INSTANCE>& instance, FLT_INSTANCE_TEARDOWN_FLAGS reason);
+
+// ---- file objects ----
+
+// The record behind every FILE_OBJECT the I/O manager makes. The FILE_OBJECT comes first, so a
+// PFILE_OBJECT is the record's address.
+struct FileObjectRecord {
+    FILE_OBJECT fileObject{};
+    SECTION_OBJECT_POINTERS sectionObjectPointers{};
+    std::shared_ptr<_FLT_VOLUME> volume;
+    std::unique_ptr<VolumeOpen> open;     // null until the file system opened it
+    std::u16string volumePath;            // the open's path on the volume ("\dir\file")
+    std::shared_ptr<_FLT_INSTANCE> below; // opened by FltCreateFileEx at this instance, or null
+    ACCESS_MASK grantedAccess = 0;
+    ULONG createOptions = 0;
+    bool stackObject = false;             // lives only for one call (network query open)
+    std::atomic<bool> cleanedUp{false};
+    std::atomic<bool> closed{false};
+    std::mutex positionMutex;             // CurrentByteOffset of synchronous file objects
+};
+
+FileObjectRecord* RecordOf(PFILE_OBJECT fileObject);
+
+// Makes a file object for an open of volume; the FileName buffer is allocated here.
+FileObjectRecord* AllocateFileObject(const std::shared_ptr<_FLT_VOLUME>& volume, std::u16string_view fileName,
+                                      PFILE_OBJECT related);
+// Frees a file object whose create did not succeed (no cleanup, no close) or a stack file object.
+void FreeFileObject(FileObjectRecord* record);
+// Makes an opened file object known to the object manager, with one reference (the caller's).
+void RegisterFileObject(FileObjectRecord* record);
+// Opens a handle to a registered file object (the handle takes its own reference).
+NTSTATUS InsertFileHandle(FileObjectRecord* record, ULONG attributes, ACCESS_MASK grantedAccess,
+                          KPROCESSOR_MODE mode, PHANDLE handle);
+// The file object behind a handle, referenced, after the access check for mode.
+NTSTATUS ReferenceFileByHandle(HANDLE handle, ACCESS_MASK desiredAccess, KPROCESSOR_MODE mode,
+                               FileObjectRecord** record);
+void DereferenceFile(FileObjectRecord* record);
+
+// IRP_MJ_CLEANUP and IRP_MJ_CLOSE through the stack (below the opening instance, if any).
+void SendCleanup(FileObjectRecord* record);
+void SendClose(FileObjectRecord* record);
+
+// ---- dispatch ----
+
+// One operation's callback data and parameter block.
+struct CallbackFrame {
+    FLT_IO_PARAMETER_BLOCK iopb{};
+    FLT_CALLBACK_DATA data;
+    CallbackFrame(FLT_CALLBACK_DATA_FLAGS flags, KPROCESSOR_MODE requestorMode);
+};
+
+enum class DispatchResult { Completed, FastIoRefused };
+
+// What runs below the last instance: the file system's part of the operation, given the
+// parameters that reach it (the callback data's if it is dirty, else the original ones). It sets
+// data.IoStatus.
+using FileSystemRoutine = std::function<void(FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& parameters)>;
+
+// Runs the pre-callbacks from the highest instance down (below `below`, if given), the file
+// system, and the post-callbacks from the lowest up. The frame's Iopb must be filled in.
+DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, CallbackFrame& frame,
+                        const FileSystemRoutine& fileSystem);
+
+// ---- operations on an open file object ----
+
+// IRP_MJ_QUERY_INFORMATION through the stack (below `below`, if given), with a system buffer
+// whose first IoStatus.Information bytes go back to the caller's buffer unless the status is an
+// error.
+NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                      ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                      bool generated, ULONG* returned);
+
+// ---- create ----
+
+struct CreateRequest {
+    POBJECT_ATTRIBUTES objectAttributes = nullptr;
+    ACCESS_MASK desiredAccess = 0;
+    PLARGE_INTEGER allocationSize = nullptr;
+    ULONG fileAttributes = 0;
+    ULONG shareAccess = 0;
+    ULONG disposition = FILE_OPEN;
+    ULONG createOptions = 0;
+    PVOID eaBuffer = nullptr;
+    ULONG eaLength = 0;
+    ULONG ioFlags = 0;  // IO_IGNORE_SHARE_ACCESS_CHECK, IO_OPEN_TARGET_DIRECTORY, ...
+    KPROCESSOR_MODE mode = KernelMode;
+    std::shared_ptr<_FLT_INSTANCE> below;  // FltCreateFileEx's instance
+    bool generatedByFilter = false;
+};
+
+// Parses the name, runs IRP_MJ_CREATE through the stack (re-parsing after STATUS_REPARSE) and
+// gives a registered file object with one reference on success.
+NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatus, FileObjectRecord** record);
+
+// Resolves an absolute object name to a mounted volume and the rest of the name on it.
+NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME>* volume, std::u16string* rest);
+
+// The path on the volume that a create of fileName relative to related names.
+NTSTATUS JoinRelativePath(const FileObjectRecord* related, std::u16string_view fileName, std::u16string* path);
+
+// Maps generic rights to the file-specific ones.
+ACCESS_MASK MapGenericFileAccess(ACCESS_MASK access);
+
+}  // namespace ntsim::iomgr
