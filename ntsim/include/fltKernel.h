@@ -3,3 +3,4 @@
 #pragma once
 #include "ntifs.h"
 #include "ntsim/fltmgr.h"
+#include "ntsim/fltport.h"
