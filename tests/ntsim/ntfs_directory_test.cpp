@@ -1,0 +1,258 @@
+// Directory enumeration on the NTFS volume: the published record layouts, listing order, patterns,
+// buffer rules, end-of-listing statuses, and single-entry, restart and index-specified scans.
+#include "ntfs_test_support.hpp"
+
+#include <ntsim/sim/text.hpp>
+
+using namespace ntfs_test;
+using ntsim::ToUtf8;
+
+namespace {
+
+constexpr ULONG kRestartScan = 0x1;
+constexpr ULONG kReturnSingleEntry = 0x2;
+constexpr ULONG kIndexSpecified = 0x4;
+
+struct Listing {
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    std::vector<unsigned char> bytes;
+    std::vector<std::string> names;
+};
+
+class NtfsDirectory : public VolumeTest {
+protected:
+    // One query; the names of the returned records, following NextEntryOffset, each record checked
+    // to start on an 8-byte boundary.
+    Listing List(ntsim::VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, ULONG length,
+                 const char* pattern = nullptr, ULONG flags = 0, ULONG fileIndex = 0)
+    {
+        Listing listing;
+        listing.bytes.assign(length, 0xCC);
+        std::optional<ntsim::UnicodeStringHolder> expression;
+        if (pattern != nullptr) {
+            expression.emplace(pattern);
+        }
+        ULONG returned = 0;
+        listing.status = volume->QueryDirectory(open, infoClass, listing.bytes.data(), length,
+                                                expression ? expression->get() : nullptr, flags, fileIndex,
+                                                &returned);
+        listing.bytes.resize(returned);
+        if (listing.status != STATUS_SUCCESS) {
+            return listing;
+        }
+        const size_t nameLengthOffset = infoClass == FileNamesInformation ? 8 : 60;
+        const size_t nameOffset = NameOffsetOf(infoClass);
+        for (size_t offset = 0;;) {
+            EXPECT_EQ(offset % 8, 0u);
+            const ULONG nameLength = At<ULONG>(listing.bytes, offset + nameLengthOffset);
+            listing.names.push_back(NameAt(listing.bytes, offset + nameOffset, nameLength));
+            const ULONG next = At<ULONG>(listing.bytes, offset);
+            if (next == 0) {
+                EXPECT_EQ(offset + nameOffset + nameLength, returned);  // the last record ends the data
+                break;
+            }
+            offset += next;
+        }
+        return listing;
+    }
+
+    static size_t NameOffsetOf(FILE_INFORMATION_CLASS infoClass)
+    {
+        switch (infoClass) {
+        case FileDirectoryInformation: return 64;
+        case FileFullDirectoryInformation: return 68;
+        case FileBothDirectoryInformation: return 94;
+        case FileNamesInformation: return 12;
+        case FileIdBothDirectoryInformation: return 104;
+        case FileIdFullDirectoryInformation: return 80;
+        default: return 0;
+        }
+    }
+
+    // Every name of a scan, query after query, until the volume says there is no more.
+    std::vector<std::string> ListAll(ntsim::VolumeOpen& open, const char* pattern, ULONG length = 4096)
+    {
+        std::vector<std::string> all;
+        Listing listing = List(open, FileNamesInformation, length, pattern);
+        while (listing.status == STATUS_SUCCESS) {
+            all.insert(all.end(), listing.names.begin(), listing.names.end());
+            listing = List(open, FileNamesInformation, length);
+        }
+        EXPECT_EQ(listing.status, STATUS_NO_MORE_FILES);
+        return all;
+    }
+
+    std::unique_ptr<ntsim::VolumeOpen> OpenDirectory(std::u16string path)
+    {
+        return MustOpen({.path = std::move(path), .access = FILE_LIST_DIRECTORY, .options = FILE_DIRECTORY_FILE});
+    }
+};
+
+TEST_F(NtfsDirectory, EveryClassPlacesItsFieldsAtThePublishedOffsets)
+{
+    volume->SeedFile(u"\\dir\\A Long Name.txt", std::string(5000, 'x'), FILE_ATTRIBUTE_HIDDEN);
+    FILE_BASIC_INFORMATION times{};
+    times.CreationTime.QuadPart = 0x1111;
+    times.LastAccessTime.QuadPart = 0x2222;
+    times.LastWriteTime.QuadPart = 0x3333;
+    times.ChangeTime.QuadPart = 0x4444;
+    volume->SeedBasicInformation(u"\\dir\\A Long Name.txt", times);
+    auto file = MustOpen({.path = u"\\dir\\A Long Name.txt"});
+    const LONGLONG fileId = At<LONGLONG>(Query(*file, FileInternalInformation, 8), 0);
+    const std::string shortName = ToUtf8(volume->ShortName(u"\\dir\\A Long Name.txt"));
+    ASSERT_EQ(shortName, "ALONGN~1.TXT");
+
+    const FILE_INFORMATION_CLASS classes[] = {FileDirectoryInformation,     FileFullDirectoryInformation,
+                                              FileBothDirectoryInformation, FileNamesInformation,
+                                              FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
+    for (FILE_INFORMATION_CLASS infoClass : classes) {
+        SCOPED_TRACE(static_cast<int>(infoClass));
+        auto directory = OpenDirectory(u"\\dir");
+        Listing listing = List(*directory, infoClass, 1024, "a long*");
+        ASSERT_EQ(listing.status, STATUS_SUCCESS);
+        ASSERT_EQ(listing.names, std::vector<std::string>{"A Long Name.txt"});
+        const auto& r = listing.bytes;
+        EXPECT_EQ(At<ULONG>(r, 0), 0u);  // NextEntryOffset of the last record
+        EXPECT_EQ(At<ULONG>(r, 4), 3u);  // FileIndex: after "." and ".."
+        if (infoClass == FileNamesInformation) {
+            EXPECT_EQ(At<ULONG>(r, 8), 30u);
+            continue;
+        }
+        EXPECT_EQ(At<LONGLONG>(r, 8), 0x1111);
+        EXPECT_EQ(At<LONGLONG>(r, 16), 0x2222);
+        EXPECT_EQ(At<LONGLONG>(r, 24), 0x3333);
+        EXPECT_EQ(At<LONGLONG>(r, 32), 0x4444);
+        EXPECT_EQ(At<LONGLONG>(r, 40), 5000);  // EndOfFile
+        EXPECT_EQ(At<LONGLONG>(r, 48), 8192);  // AllocationSize
+        EXPECT_EQ(At<ULONG>(r, 56), static_cast<ULONG>(FILE_ATTRIBUTE_HIDDEN));
+        EXPECT_EQ(At<ULONG>(r, 60), 30u);      // FileNameLength
+        if (infoClass != FileDirectoryInformation) {
+            EXPECT_EQ(At<ULONG>(r, 64), 0u);  // EaSize
+        }
+        if (infoClass == FileBothDirectoryInformation || infoClass == FileIdBothDirectoryInformation) {
+            EXPECT_EQ(r[68], 24u);  // ShortNameLength, in bytes
+            EXPECT_EQ(NameAt(r, 70, 24), shortName);
+        }
+        if (infoClass == FileIdBothDirectoryInformation) {
+            EXPECT_EQ(At<LONGLONG>(r, 96), fileId);
+        }
+        if (infoClass == FileIdFullDirectoryInformation) {
+            EXPECT_EQ(At<LONGLONG>(r, 72), fileId);
+        }
+    }
+}
+
+TEST_F(NtfsDirectory, DotEntriesComeFirstThenNamesInUpcasedOrder)
+{
+    for (const char16_t* name : {u"\\dir\\b", u"\\dir\\_x", u"\\dir\\A", u"\\dir\\c", u"\\dir\\a1"}) {
+        volume->SeedFile(name);
+    }
+    auto directory = OpenDirectory(u"\\dir");
+    EXPECT_EQ(ListAll(*directory, nullptr), (std::vector<std::string>{".", "..", "A", "a1", "b", "c", "_x"}));
+
+    // The root has no "." or "..".
+    auto root = OpenDirectory(u"\\");
+    EXPECT_EQ(ListAll(*root, nullptr), std::vector<std::string>{"dir"});
+}
+
+TEST_F(NtfsDirectory, EndOfListingStatusesDependOnWhetherTheScanEverStarted)
+{
+    volume->SeedFile(u"\\dir\\one.txt");
+    auto nothing = OpenDirectory(u"\\dir");
+    EXPECT_EQ(List(*nothing, FileDirectoryInformation, 512, "*.doc").status, STATUS_NO_SUCH_FILE);
+    EXPECT_EQ(List(*nothing, FileDirectoryInformation, 512).status, STATUS_NO_MORE_FILES);
+
+    auto something = OpenDirectory(u"\\dir");
+    EXPECT_EQ(List(*something, FileDirectoryInformation, 512, "*.txt").status, STATUS_SUCCESS);
+    EXPECT_EQ(List(*something, FileDirectoryInformation, 512).status, STATUS_NO_MORE_FILES);
+    // A restart begins the scan again, with the pattern of the first query.
+    EXPECT_EQ(List(*something, FileDirectoryInformation, 512, nullptr, kRestartScan).names,
+              std::vector<std::string>{"one.txt"});
+
+    volume->SeedFile(u"\\notadir.txt");
+    auto file = MustOpen({.path = u"\\notadir.txt"});
+    EXPECT_EQ(List(*file, FileDirectoryInformation, 512).status, STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(NtfsDirectory, RecordsThatDoNotFitWaitForTheNextQueryUnlessNoneFits)
+{
+    for (const char16_t* name : {u"\\d\\aaaa", u"\\d\\bbbb", u"\\d\\cccc"}) {
+        volume->SeedFile(name);
+    }
+    // A FileNamesInformation record of a 4-character name takes 12 + 8 = 20 bytes, 24 with padding.
+    auto directory = OpenDirectory(u"\\d");
+    Listing first = List(*directory, FileNamesInformation, 24 + 19, "????");
+    EXPECT_EQ(first.status, STATUS_SUCCESS);
+    EXPECT_EQ(first.names, std::vector<std::string>{"aaaa"});
+    Listing second = List(*directory, FileNamesInformation, 24 + 20);
+    EXPECT_EQ(second.names, (std::vector<std::string>{"bbbb", "cccc"}));
+    EXPECT_EQ(At<ULONG>(second.bytes, 0), 24u);
+    EXPECT_EQ(second.bytes.size(), 44u);
+
+    // Not even the first record fits: the part that does, the whole name length, an overflow.
+    auto small = OpenDirectory(u"\\d");
+    Listing partial = List(*small, FileNamesInformation, 16, "????");
+    EXPECT_EQ(partial.status, STATUS_BUFFER_OVERFLOW);
+    ASSERT_EQ(partial.bytes.size(), 16u);
+    EXPECT_EQ(At<ULONG>(partial.bytes, 8), 8u);
+    EXPECT_EQ(NameAt(partial.bytes, 12, 4), "aa");
+    // That record counts as handed out.
+    EXPECT_EQ(List(*small, FileNamesInformation, 512).names, (std::vector<std::string>{"bbbb", "cccc"}));
+}
+
+TEST_F(NtfsDirectory, PatternsMatchLongOrShortNamesWithoutRegardToCase)
+{
+    for (const char16_t* name : {u"\\p\\data", u"\\p\\data.txt", u"\\p\\DATA.TX", u"\\p\\data.text",
+                                 u"\\p\\Quarterly Report.docx"}) {
+        volume->SeedFile(name);
+    }
+    auto star = OpenDirectory(u"\\p");
+    EXPECT_EQ(ListAll(*star, "*.TxT"), std::vector<std::string>{"data.txt"});
+    auto dosQuestion = OpenDirectory(u"\\p");
+    EXPECT_EQ(ListAll(*dosQuestion, "data.>>>"), (std::vector<std::string>{"DATA.TX", "data.txt"}));
+    auto dosStar = OpenDirectory(u"\\p");
+    EXPECT_EQ(ListAll(*dosStar, "<.tx"), std::vector<std::string>{"DATA.TX"});
+    auto byShortName = OpenDirectory(u"\\p");
+    EXPECT_EQ(ListAll(*byShortName, "quarte~1.doc"), std::vector<std::string>{"Quarterly Report.docx"});
+}
+
+TEST_F(NtfsDirectory, TheFirstPatternHoldsForTheWholeScan)
+{
+    volume->SeedFile(u"\\p\\a.txt");
+    volume->SeedFile(u"\\p\\b.doc");
+    auto directory = OpenDirectory(u"\\p");
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*.txt").names, std::vector<std::string>{"a.txt"});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*.doc", kRestartScan).names,
+              std::vector<std::string>{"a.txt"});
+}
+
+TEST_F(NtfsDirectory, SingleEntryRestartAndIndexSpecifiedScans)
+{
+    for (const char16_t* name : {u"\\s\\one", u"\\s\\three", u"\\s\\two"}) {
+        volume->SeedFile(name);
+    }
+    auto directory = OpenDirectory(u"\\s");
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*", kReturnSingleEntry).names,
+              std::vector<std::string>{"."});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kReturnSingleEntry).names,
+              std::vector<std::string>{".."});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kReturnSingleEntry).names,
+              std::vector<std::string>{"one"});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kRestartScan | kReturnSingleEntry).names,
+              std::vector<std::string>{"."});
+
+    // FileIndex 3 is "one": resuming after it gives the rest.
+    Listing resumed = List(*directory, FileDirectoryInformation, 512, nullptr, kIndexSpecified, 3);
+    EXPECT_EQ(resumed.names, (std::vector<std::string>{"three", "two"}));
+    EXPECT_EQ(At<ULONG>(resumed.bytes, 4), 4u);
+
+    // Entries made between queries appear when the scan reaches their place.
+    auto live = OpenDirectory(u"\\s");
+    EXPECT_EQ(List(*live, FileNamesInformation, 512, "t*", kReturnSingleEntry).names,
+              std::vector<std::string>{"three"});
+    volume->SeedFile(u"\\s\\thz");
+    volume->SeedFile(u"\\s\\tha");
+    EXPECT_EQ(List(*live, FileNamesInformation, 512).names, (std::vector<std::string>{"thz", "two"}));
+}
+
+}  // namespace
