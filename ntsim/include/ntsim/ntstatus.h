@@ -101,3 +101,7 @@
 // Communication ports.
 #define STATUS_CONNECTION_COUNT_LIMIT    ((NTSTATUS)0xC0000246L)
 #define STATUS_FLT_NO_WAITER_FOR_REPLY   ((NTSTATUS)0xC01C0020L)
+
+// Network file systems (the MUP device).
+#define STATUS_BAD_NETWORK_PATH          ((NTSTATUS)0xC00000BEL)
+#define STATUS_BAD_NETWORK_NAME          ((NTSTATUS)0xC00000CCL)
