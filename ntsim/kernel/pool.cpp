@@ -28,6 +28,13 @@ namespace {
 constexpr unsigned char kFillPattern = 0xA5;
 constexpr size_t kMaxCallSiteDepth = 16;
 constexpr size_t kRecentlyFreed = 4096;
+// Unwinding a stack costs microseconds: test builds record a few callers for leak reports, release
+// builds only the immediate caller.
+#if defined(NDEBUG)
+constexpr size_t kDefaultCallSiteDepth = 1;
+#else
+constexpr size_t kDefaultCallSiteDepth = 6;
+#endif
 
 struct Block {
     SIZE_T size;
@@ -49,7 +56,7 @@ struct PoolState {
     uint64_t sequence = 0;
     std::array<const void*, kRecentlyFreed> recentlyFreed{};  // a ring, to tell a double free
     size_t recentlyFreedNext = 0;
-    std::atomic<size_t> callSiteDepth{6};
+    std::atomic<size_t> callSiteDepth{kDefaultCallSiteDepth};
 };
 
 PoolState& State()

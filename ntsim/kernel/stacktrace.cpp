@@ -5,6 +5,7 @@
 #include <execinfo.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
@@ -18,9 +19,11 @@ namespace ntsim::kernel {
 
 std::vector<const void*> CaptureStack(const void* anchor, size_t depth)
 {
+    // Unwinding costs per frame: walk only as far as the anchor (a few frames up) plus depth.
     constexpr int kMaxFrames = 64;
+    constexpr size_t kFramesAboveAnchor = 4;
     void* frames[kMaxFrames];
-    int count = backtrace(frames, kMaxFrames);
+    int count = backtrace(frames, static_cast<int>(std::min<size_t>(kMaxFrames, depth + kFramesAboveAnchor)));
     std::vector<const void*> result;
     int start = -1;
     for (int i = 0; i < count; ++i) {

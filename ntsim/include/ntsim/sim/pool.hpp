@@ -48,7 +48,8 @@ bool IsLive(const void* address);
 // A readable report: one line per block (tag, size, type, call site), then a total per tag.
 std::string FormatReport(const std::vector<Allocation>& allocations);
 
-// How many return addresses each allocation records (1 to 16; 6 by default). One is cheapest.
+// How many return addresses each allocation records (1 to 16). The default is 6 in debug builds and 1
+// in release builds (NDEBUG): one costs a few nanoseconds, more cost an unwind of microseconds.
 void SetCallSiteDepth(size_t depth);
 
 class Checkpoint {
