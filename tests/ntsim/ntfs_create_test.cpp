@@ -190,6 +190,34 @@ TEST_F(NtfsCreate, DeleteOnCloseTakesEffectAtThatHandlesCleanup)
               STATUS_INVALID_PARAMETER);  // delete on close needs DELETE access
 }
 
+TEST_F(NtfsCreate, ExtendedDispositionSupportsPosixRemovalAndDeleteOnClose)
+{
+    volume->SeedFile(u"\\posix.txt", "still readable");
+    auto deleter = MustOpen({.path = u"\\posix.txt", .access = DELETE});
+    auto reader = MustOpen({.path = u"\\posix.txt", .access = FILE_READ_DATA});
+    FILE_DISPOSITION_INFORMATION_EX disposition{};
+    disposition.Flags = FILE_DISPOSITION_DELETE | FILE_DISPOSITION_POSIX_SEMANTICS;
+    ASSERT_EQ(Set(*deleter, FileDispositionInformationEx, disposition), STATUS_SUCCESS);
+    Close(deleter);
+    // The name goes at this handle's cleanup although another handle is open; that one reads on.
+    EXPECT_FALSE(volume->Exists(u"\\posix.txt"));
+    ASSERT_EQ(Open({.path = u"\\posix.txt", .disposition = FILE_CREATE}).status, STATUS_SUCCESS);
+    char data[32];
+    ULONG read = 0;
+    ASSERT_EQ(volume->Read(*reader, 0, sizeof(data), data, &read), STATUS_SUCCESS);
+    EXPECT_EQ(std::string(data, read), "still readable");
+    std::u16string path;
+    EXPECT_EQ(volume->NormalizedPath(*reader, &path), STATUS_FILE_DELETED);
+
+    volume->SeedFile(u"\\onclose.txt");
+    auto onClose = MustOpen({.path = u"\\onclose.txt", .access = DELETE});
+    disposition.Flags = FILE_DISPOSITION_DELETE | FILE_DISPOSITION_ON_CLOSE;
+    ASSERT_EQ(Set(*onClose, FileDispositionInformationEx, disposition), STATUS_SUCCESS);
+    EXPECT_FALSE(Standard(*onClose).DeletePending);  // only at cleanup
+    Close(onClose);
+    EXPECT_FALSE(volume->Exists(u"\\onclose.txt"));
+}
+
 TEST_F(NtfsCreate, NamedStreamsOpenByEitherFormAndStayApartFromTheDefaultStream)
 {
     volume->SeedFile(u"\\f.txt", "main");
