@@ -126,7 +126,8 @@ std::vector<std::string> HeldLockNames();
 int CriticalRegionDepth();
 
 // Checks that a callback returns with the IRQL, critical-region depth and held locks it was
-// entered with (IRQL_LEFT_RAISED, CRITICAL_REGION_LEFT_OPEN, LOCK_HELD_ON_RETURN).
+// entered with (IRQL_LEFT_RAISED, CRITICAL_REGION_LEFT_OPEN, LOCK_HELD_ON_RETURN). The name must
+// have static storage (a literal): the scope keeps only a view of it.
 class CallbackScope {
 public:
     explicit CallbackScope(std::string_view callback);
