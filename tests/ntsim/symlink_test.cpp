@@ -7,7 +7,11 @@
 #include <ntsim/sim/verifier.hpp>
 #include <wdm.h>
 
+#include <atomic>
 #include <string>
+#include <vector>
+
+#include <ntsim/sim/process.hpp>
 
 namespace {
 
@@ -127,6 +131,28 @@ TEST_F(SymbolicLinks, ResolvingPathsThroughLinks)
     auto loopB = ntsim::ob::CreateSymbolicLink(u"\\??\\M:", u"\\??\\L:\\b");
     EXPECT_EQ(Resolve(u"\\??\\L:\\x"),
               "failed " + std::to_string(static_cast<ULONG>(STATUS_REPARSE_POINT_NOT_RESOLVED)));
+}
+
+TEST_F(SymbolicLinks, ConcurrentOpensQueriesAndClosesFromManyProcesses)
+{
+    std::atomic<int> failures{0};
+    {
+        std::vector<std::unique_ptr<ntsim::SimulatedThread>> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.push_back(std::make_unique<ntsim::SimulatedThread>(
+                ntsim::CreateProcess(),
+                [&failures] {
+                    for (int i = 0; i < 300; ++i) {
+                        if (Target(i % 2 ? "\\??\\C:" : "\\??\\S:").rfind("\\", 0) != 0 ||
+                            Resolve(u"\\??\\S:\\f") != "\\Device\\HarddiskVolume2\\sub\\f") {
+                            ++failures;
+                        }
+                    }
+                },
+                ntsim::ThreadOptions{.previousMode = KernelMode}));
+        }
+    }
+    EXPECT_EQ(failures.load(), 0);
 }
 
 }  // namespace

@@ -135,7 +135,8 @@ private:
 
 std::shared_ptr<Process> CreateProcess(ProcessOptions options = {});
 
-// The System process: id 4, kernel mode, token of S-1-5-18, image name "System".
+// The System process: id 4, kernel mode, token of S-1-5-18, and an empty image file name (as
+// Windows reports for it).
 const std::shared_ptr<Process>& SystemProcess();
 
 // The process behind a PEPROCESS (no check).
