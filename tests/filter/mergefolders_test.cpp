@@ -1,0 +1,211 @@
+// The merge folder table, its lookups and the blacklist, filled the way the service fills them.
+#include "filter_fixture.hpp"
+
+#include <ntsim/sim/faults.hpp>
+
+#include "driver/globals.h"
+#include "driver/mergefolders.h"
+
+namespace foldermerge::testing {
+namespace {
+
+class MergeFolderTable : public LoadedFilter {
+protected:
+    static bool Managed(std::u16string_view sid, std::u16string_view path, UCHAR* pbReadOnly)
+    {
+        ntsim::UnicodeStringHolder sidText(sid);
+        ntsim::UnicodeStringHolder pathText(path);
+        *pbReadOnly = 0xCC;
+        return IsManagedPath(sidText.get(), pathText.get(), pbReadOnly);
+    }
+
+    static bool Root(std::u16string_view sid, std::u16string_view path)
+    {
+        ntsim::UnicodeStringHolder sidText(sid);
+        ntsim::UnicodeStringHolder pathText(path);
+        return IsMergeFolderRoot(sidText.get(), pathText.get());
+    }
+
+    static std::string Owner(std::u16string_view path)
+    {
+        ntsim::UnicodeStringHolder pathText(path);
+        OwnedString* pstrOwner = FindMergeFolderOwner(pathText.get());
+        std::string owner = pstrOwner != nullptr ? ntsim::ToUtf8(*pstrOwner) : "<none>";
+        FreeUnicodeString(&pstrOwner);
+        return owner;
+    }
+
+    static bool Blacklisted(std::u16string_view image)
+    {
+        ntsim::UnicodeStringHolder imageText(image);
+        return IsProcessBlacklisted(imageText.get());
+    }
+};
+
+TEST_F(MergeFolderTable, APathIsManagedAtAndBelowAFolderOfItsUser)
+{
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", true}}), STATUS_SUCCESS);
+    UCHAR bReadOnly;
+    EXPECT_TRUE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 1);
+    EXPECT_TRUE(Managed(kAlice, u"\\device\\harddiskvolume2\\DATA", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 1);
+    EXPECT_TRUE(Managed(kAlice, u"\\??\\C:\\Data", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 1);
+    EXPECT_TRUE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data\\Sub\\x.txt", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+    EXPECT_TRUE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data\\", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+    EXPECT_TRUE(Managed(kAlice, u"\\??\\C:\\Data\\x", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+
+    EXPECT_FALSE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Database", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+    EXPECT_FALSE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Dat", &bReadOnly));
+    EXPECT_FALSE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data:stream", &bReadOnly));
+    EXPECT_FALSE(Managed(kBob, u"\\Device\\HarddiskVolume2\\Data", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+}
+
+TEST_F(MergeFolderTable, TheFirstMatchingRowDecides)
+{
+    ASSERT_EQ(Configure({{kBob, u"C:\\Data", false},
+                         {kAlice, u"C:\\Data", true},
+                         {kAlice, u"C:\\Data", false},
+                         {kAlice, u"C:\\Data\\Inner", true}}),
+              STATUS_SUCCESS);
+    UCHAR bReadOnly;
+    EXPECT_TRUE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 1);
+    // \Data\Inner lies below alice's first row, which decides before the row of Inner is reached.
+    EXPECT_TRUE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data\\Inner", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Data\\a.txt"), "S-1-5-21-1-2-3-1002");
+    EXPECT_EQ(Owner(u"\\??\\C:\\Data"), "S-1-5-21-1-2-3-1002");
+}
+
+TEST_F(MergeFolderTable, ARootIsTheExactPathOfAFolderOfThatUser)
+{
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", false}}), STATUS_SUCCESS);
+    EXPECT_TRUE(Root(kAlice, u"\\Device\\HarddiskVolume2\\data"));
+    EXPECT_TRUE(Root(kAlice, u"\\??\\C:\\Data"));
+    EXPECT_FALSE(Root(kAlice, u"\\Device\\HarddiskVolume2\\Data\\a.txt"));
+    EXPECT_FALSE(Root(kBob, u"\\Device\\HarddiskVolume2\\Data"));
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Other"), "<none>");
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Database"), "<none>");
+}
+
+TEST_F(MergeFolderTable, AnEmptyTableAnswersNoToEverything)
+{
+    UCHAR bReadOnly;
+    EXPECT_FALSE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Data", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 0);
+    EXPECT_FALSE(Root(kAlice, u"\\Device\\HarddiskVolume2\\Data"));
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Data"), "<none>");
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\a.exe"));
+}
+
+TEST_F(MergeFolderTable, AConfigurationReplacesTheTableWholeAndDropsFoldersItCannotSet)
+{
+    // The second folder is on a drive without a link: the others keep compact rows.
+    ASSERT_EQ(Configure({{kAlice, u"C:\\One", false}, {kAlice, u"X:\\Two", false}, {kBob, u"C:\\Three", false}}),
+              STATUS_SUCCESS);
+    EXPECT_EQ(g_MergeFolderCount, 2u);
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Three"), "S-1-5-21-1-2-3-1002");
+    ASSERT_NE(g_MergeFolders[1].pstrDevicePath, nullptr);
+    EXPECT_EQ(ntsim::ToUtf8(*g_MergeFolders[1].pstrDevicePath), "\\Device\\HarddiskVolume2\\Three");
+    EXPECT_EQ(ntsim::ToUtf8(*g_MergeFolders[1].pstrLinkPath), "\\??\\C:\\Three");
+
+    std::vector<Folder> fifty(50, Folder{kAlice, u"C:\\Many", false});
+    EXPECT_EQ(Configure(fifty), STATUS_SUCCESS);
+    EXPECT_EQ(g_MergeFolderCount, 50u);
+
+    std::vector<Folder> fiftyOne(51, Folder{kAlice, u"C:\\Many", false});
+    EXPECT_EQ(Configure(fiftyOne), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(g_MergeFolderCount, 0u);
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Many"), "<none>");
+
+    EXPECT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u"", 3), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(g_MergeFolderCount, 0u);
+    EXPECT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u"", 5), STATUS_SUCCESS);
+    EXPECT_EQ(g_MergeFolderCount, 1u);
+}
+
+TEST_F(MergeFolderTable, TheBlacklistMatchesTheImageFileNameWithoutRegardToCase)
+{
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u"|a.exe||Tool.EXE|"), STATUS_SUCCESS);
+    EXPECT_TRUE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\A.EXE"));
+    EXPECT_TRUE(Blacklisted(u"\\Device\\HarddiskVolume2\\tool.exe"));
+    EXPECT_TRUE(Blacklisted(u"a.exe"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\a.exe\\b.exe"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\xa.exe"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\a"));
+
+    // A configuration without folders leaves the blacklist as it was; one with folders replaces it.
+    ASSERT_EQ(Configure({}, u"other.exe"), STATUS_SUCCESS);
+    EXPECT_TRUE(Blacklisted(u"\\a.exe"));
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u"other.exe"), STATUS_SUCCESS);
+    EXPECT_FALSE(Blacklisted(u"\\a.exe"));
+    EXPECT_TRUE(Blacklisted(u"\\OTHER.exe"));
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u""), STATUS_SUCCESS);
+    EXPECT_FALSE(Blacklisted(u"\\other.exe"));
+}
+
+TEST_F(MergeFolderTable, ConfigurationSurvivesEveryFailedAllocationWithoutLeaks)
+{
+    for (uint64_t point = 1;; point++) {
+        ntsim::faults::Reset();
+        ntsim::faults::FailNthAllocation(point);
+        NTSTATUS status = Configure({{kAlice, u"C:\\Data", true}, {kBob, u"C:\\Shared", false}}, u"a.exe|b.exe");
+        bool injected = ntsim::faults::FailuresInjected() != 0;
+        ntsim::faults::Reset();
+        UCHAR bReadOnly;
+        if (!injected) {
+            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_TRUE(Managed(kBob, u"\\Device\\HarddiskVolume2\\Shared\\x", &bReadOnly));
+            EXPECT_TRUE(Blacklisted(u"\\b.exe"));
+            break;
+        }
+        // Whatever failed, every row that is there is complete and answers lookups.
+        for (ULONG row = 0; row < g_MergeFolderCount; row++) {
+            EXPECT_NE(g_MergeFolders[row].pstrSid, nullptr) << "allocation " << point;
+            EXPECT_NE(g_MergeFolders[row].pstrLinkPath, nullptr) << "allocation " << point;
+            EXPECT_NE(g_MergeFolders[row].pstrDevicePath, nullptr) << "allocation " << point;
+        }
+    }
+}
+
+TEST_F(MergeFolderTable, TheVolumeInstanceIsFoundFromADevicePath)
+{
+    ntsim::UnicodeStringHolder local(u"\\Device\\HarddiskVolume2\\Data\\a.txt");
+    PFLT_INSTANCE pInstance = nullptr;
+    ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, local.get(), &pInstance), STATUS_SUCCESS);
+    ASSERT_NE(pInstance, nullptr);
+    FltObjectDereference(pInstance);
+
+    // \Device\ is matched with regard to case, and a path needs a volume and something on it.
+    for (std::u16string_view bad : {u"\\device\\HarddiskVolume2\\x", u"\\Device\\HarddiskVolume2", u"Device\\a\\b",
+                                    u"\\", u"\\??\\C:\\Data"}) {
+        ntsim::UnicodeStringHolder path(bad);
+        pInstance = nullptr;
+        EXPECT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, path.get(), &pInstance),
+                  STATUS_OBJECT_PATH_INVALID)
+            << ntsim::ToUtf8(bad);
+        EXPECT_EQ(pInstance, nullptr);
+    }
+
+    // The volume of \Device\Mup\127.0.0.1\share\file is \Device\Mup.
+    auto mupVolume = ntsim::CreateNtfsVolume(u"\\Device\\Mup");
+    ASSERT_EQ(ntsim::MountVolume(mupVolume), STATUS_SUCCESS);
+    ntsim::UnicodeStringHolder mup(u"\\Device\\Mup\\127.0.0.1\\share\\file");
+    PFLT_INSTANCE pMupInstance = nullptr;
+    ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, mup.get(), &pMupInstance), STATUS_SUCCESS);
+    ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, local.get(), &pInstance), STATUS_SUCCESS);
+    EXPECT_NE(pMupInstance, pInstance);
+    FltObjectDereference(pMupInstance);
+    FltObjectDereference(pInstance);
+    EXPECT_EQ(ntsim::DismountVolume(u"\\Device\\Mup"), STATUS_SUCCESS);
+}
+
+}  // namespace
+}  // namespace foldermerge::testing
