@@ -6,6 +6,7 @@
 #include "locks.h"
 #include "operations.h"
 #include "ownedstring.h"
+#include "ports.h"
 #include "registration.h"
 #include "streamnames.h"
 #include "trace.h"
@@ -88,10 +89,11 @@ static NTSTATUS MakeLocks()
 }
 
 // Everything after the filter's registration is undone here, for the unload and for a start that
-// failed: the filter first (the service port, once there is one, closes before it, so that no
-// service message arrives while the tables go), then the tables and the locks.
+// failed: the port first, so that no new connection comes while the tables go, then the filter,
+// whose unregistration ends the service's connections, then the tables and the locks.
 static VOID ReleaseFilter()
 {
+    CloseServicePort();
     if (g_ServiceData.FilterHandle != nullptr) {
         FltUnregisterFilter(g_ServiceData.FilterHandle);
         g_ServiceData.FilterHandle = nullptr;
@@ -157,10 +159,12 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
         goto Failed;
     }
 
-    // 6, 7. The service port \Velmora_DriverPort, with this descriptor and at most 8 connections,
-    // is made here; a service may connect from then on. The platform this build runs on has no
-    // communication ports yet, so the filter has no port and no service connects.
+    // 6, 7. A service may connect from here on.
+    status = CreateServicePort(pSecurityDescriptor);
     FltFreeSecurityDescriptor(pSecurityDescriptor);
+    if (!NT_SUCCESS(status)) {
+        goto Failed;
+    }
 
     // 8.
     status = CreateStreamStringTable();

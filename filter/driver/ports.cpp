@@ -1,0 +1,133 @@
+// The server port and its three notifications.
+#include "ports.h"
+
+#include "configuration.h"
+#include "globals.h"
+#include "ownedstring.h"
+#include "servicemessages.h"
+#include "trace.h"
+
+// Connection cookies: the addresses of two words tell the client ports apart; the values are
+// never read.
+static const ULONG ThreadPortCookie = 1;
+static const ULONG ConfigPortCookie = 2;
+
+NTSTATUS CreateServicePort(PSECURITY_DESCRIPTOR pSecurityDescriptor)
+{
+    UNICODE_STRING portName;
+    RtlInitUnicodeString(&portName, FOLDERMERGE_PORT_NAME);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &portName, OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE, nullptr,
+                               pSecurityDescriptor);
+    return FltCreateCommunicationPort(g_ServiceData.FilterHandle, &g_ServiceData.ServerPort, &attributes, nullptr,
+                                      FolderMergeService_Connect, FolderMergeService_Disconnect,
+                                      FolderMergeService_Message, FOLDERMERGE_MAX_CONNECTIONS);
+}
+
+VOID CloseServicePort()
+{
+    if (g_ServiceData.ServerPort != nullptr) {
+        FltCloseCommunicationPort(g_ServiceData.ServerPort);
+        g_ServiceData.ServerPort = nullptr;
+    }
+}
+
+NTSTATUS FLTAPI FolderMergeService_Connect(PFLT_PORT ClientPort, PVOID ServerPortCookie, PVOID ConnectionContext,
+                                          ULONG SizeOfContext, PVOID* ConnectionPortCookie)
+{
+    UNREFERENCED_PARAMETER(ServerPortCookie);
+    if (ConnectionContext != nullptr && SizeOfContext == THREAD_PORT_CONTEXT_SIZE) {
+        *ConnectionPortCookie = (PVOID)&ThreadPortCookie;
+        g_ServiceData.ThreadClientPort = ClientPort;
+    } else {
+        *ConnectionPortCookie = (PVOID)&ConfigPortCookie;
+        g_ServiceData.ConfigClientPort = ClientPort;
+    }
+    g_ServiceData.ServiceProcess = IoGetCurrentProcess();
+    return STATUS_SUCCESS;
+}
+
+VOID FLTAPI FolderMergeService_Disconnect(PVOID ConnectionCookie)
+{
+    if (ConnectionCookie == &ThreadPortCookie) {
+        TRACE_INFO("Thread port disconnected");
+        FltCloseClientPort(g_ServiceData.FilterHandle, &g_ServiceData.ThreadClientPort);
+        // A service request in flight sees the count change and fails.
+        g_ServiceData.ClientPortDisconnectCount++;
+    } else if (ConnectionCookie == &ConfigPortCookie) {
+        TRACE_INFO("Config port disconnected");
+        FltCloseClientPort(g_ServiceData.FilterHandle, &g_ServiceData.ConfigClientPort);
+        (VOID) ClearConfiguration();
+        TRACE_INFO("ENTERING PASS-THROUGH MODE");
+        g_PassThrough = 1;
+    }
+}
+
+NTSTATUS FLTAPI FolderMergeService_Message(PVOID PortCookie, PVOID InputBuffer, ULONG InputBufferLength,
+                                          PVOID OutputBuffer, ULONG OutputBufferLength,
+                                          PULONG ReturnOutputBufferLength)
+{
+    UNREFERENCED_PARAMETER(PortCookie);
+    UNREFERENCED_PARAMETER(ReturnOutputBufferLength);
+    NTSTATUS status = STATUS_SUCCESS;
+    ULONG ulCode = 0;
+    PVOID pOutputCopy = nullptr;
+
+    if (InputBuffer == nullptr || InputBufferLength < CONTROL_MESSAGE_MIN_SIZE) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    // The buffers are the sending process's memory: probed here, touched only under a guard.
+    __try {
+        ProbeForRead(InputBuffer, InputBufferLength, 1);
+        ulCode = *(const ULONG*)InputBuffer;
+    } __except (EXCEPTION_EXECUTE_HANDLER) {
+        return GetExceptionCode();
+    }
+
+    // The handlers work on a zeroed kernel copy of the output buffer, never on the caller's memory.
+    if (OutputBuffer != nullptr && OutputBufferLength != 0) {
+        pOutputCopy = AllocateBuffer(POOL_SELECTOR_NONPAGED, OutputBufferLength);
+        if (pOutputCopy == nullptr) {
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+        RtlZeroMemory(pOutputCopy, OutputBufferLength);
+    }
+
+    switch (ulCode) {
+    case CONTROL_SET_CONFIGURATION:
+        (VOID) ClearConfiguration();
+        status = InputBufferLength >= sizeof(SetConfigurationMessage)
+                     ? SetConfiguration((SetConfigurationMessage*)InputBuffer)
+                     : STATUS_INVALID_PARAMETER;
+        // A configuration message ends pass-through mode whatever it set.
+        if (g_PassThrough) {
+            TRACE_INFO("EXITING PASS-THROUGH MODE");
+            g_PassThrough = 0;
+        }
+        break;
+    case CONTROL_SET_TRACING_ENABLED:
+        // The ETW provider isn't part of this build: tracing can't be turned on.
+        status = STATUS_NOT_SUPPORTED;
+        break;
+    case CONTROL_REQUEST_DIRTY_BLOCK_MAP:
+    case CONTROL_REQUEST_DIRTY_BLOCK_COUNT:
+        // Dirty block tracking isn't part of this build: there is no map to report.
+        status = pOutputCopy != nullptr ? STATUS_NOT_SUPPORTED : STATUS_INVALID_PARAMETER;
+        break;
+    default:
+        break;
+    }
+
+    if (pOutputCopy != nullptr) {
+        if (NT_SUCCESS(status)) {
+            __try {
+                ProbeForWrite(OutputBuffer, OutputBufferLength, 1);
+                RtlCopyMemory(OutputBuffer, pOutputCopy, OutputBufferLength);
+            } __except (EXCEPTION_EXECUTE_HANDLER) {
+                status = GetExceptionCode();
+            }
+        }
+        FreeBuffer(pOutputCopy);
+    }
+    return status;
+}
