@@ -357,6 +357,9 @@ NTSYSAPI NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROU
                                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                                     PLARGE_INTEGER ByteOffset, PULONG Key);
 
+// Buffered I/O, as on Windows: the operation fills a system buffer, and the first
+// IoStatusBlock->Information bytes of it are copied to FileInformation unless the status is an
+// error. A filter that completes a query itself must set Information to what it wrote.
 NTSYSAPI NTSTATUS NTAPI NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                                PVOID FileInformation, ULONG Length,
                                                FILE_INFORMATION_CLASS FileInformationClass);
