@@ -1,0 +1,71 @@
+// The receiving side of the Thread port: worker threads that take the filter's requests, hand each
+// to a handler, and send the handler's answer back.
+#pragma once
+
+#include <foldermerge/service/port.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <thread>
+#include <vector>
+
+namespace foldermerge::service {
+
+// One request as it came off the port.
+struct IncomingRequest {
+    ULONGLONG messageId = 0;
+    // Bytes the filter's reply buffer holds: the header's ReplyLength less the reply header; 0
+    // when the filter waits for no reply.
+    ULONG replyCapacity = 0;
+    // The message, in the worker's buffer, valid during the handler's call. It holds the whole
+    // buffer after the message header: the request's own length field says how much of it is the
+    // request.
+    std::span<const uint8_t> message;
+    // The message was bigger than the worker's buffer and arrived cut.
+    bool truncated = false;
+};
+
+// The bytes that follow FILTER_REPLY_HEADER in the answer, that is the reply record as the
+// filter reads it (its first four bytes, the record's status, also go into the header's Status);
+// or nothing, to leave the request unanswered.
+using RequestHandler = std::function<std::optional<std::vector<uint8_t>>(const IncomingRequest&)>;
+
+// Starts a worker: runs body in a new thread of the service process. The default is a plain
+// std::thread; a platform whose threads need setting up passes its own.
+using ThreadStarter = std::function<std::thread(std::function<void()> body)>;
+
+class RequestReceiver {
+public:
+    // Starts `workers` threads taking requests from port with buffers of bufferSize bytes (the
+    // message header included). The port stays the caller's.
+    RequestReceiver(HANDLE port, RequestHandler handler, unsigned workers, size_t bufferSize,
+                    ThreadStarter starter = {});
+    // Joins the workers: they end when the port closes or its connection ends.
+    ~RequestReceiver();
+    RequestReceiver(const RequestReceiver&) = delete;
+    RequestReceiver& operator=(const RequestReceiver&) = delete;
+
+    // Waits for the workers to end (after the port was closed).
+    void Join();
+
+    uint64_t received() const { return received_; }
+    uint64_t answered() const { return answered_; }
+    // Answers the filter no longer waited for (ERROR_FLT_NO_WAITER_FOR_REPLY) or that failed.
+    uint64_t answersRefused() const { return refused_; }
+
+private:
+    void Work();
+
+    HANDLE port_;
+    RequestHandler handler_;
+    size_t bufferSize_;
+    std::atomic<uint64_t> received_{0};
+    std::atomic<uint64_t> answered_{0};
+    std::atomic<uint64_t> refused_{0};
+    std::vector<std::thread> workers_;
+};
+
+}  // namespace foldermerge::service
