@@ -96,8 +96,10 @@ inline std::vector<uint8_t> EncodeReply(const RequestView& request, const ReplyC
         break;
     case SERVICE_REQUEST_DIRECTORY_CONTENTS: {
         size_t copied = std::min<size_t>(reply.listing.size(), request.listingLength);
-        std::memcpy(bytes.data() + offsetof(ServiceReply, Payload.DirectoryContents.Listing), reply.listing.data(),
-                    copied);
+        if (copied != 0) {
+            std::memcpy(bytes.data() + offsetof(ServiceReply, Payload.DirectoryContents.Listing),
+                        reply.listing.data(), copied);
+        }
         break;
     }
     case SERVICE_REQUEST_OBJECT_SIGNATURE: {
@@ -116,7 +118,7 @@ inline std::vector<uint8_t> EncodeReply(const RequestView& request, const ReplyC
         WriteAt<uint8_t>(bytes, offsetof(ServiceReply, Payload.RedirectAttributes.bReparse), reply.reparse ? 1 : 0);
         WriteAt<uint8_t>(bytes, offsetof(ServiceReply, Payload.RedirectAttributes.bRedirected),
                          reply.redirected ? 1 : 0);
-        if (nameBytes <= request.replyNameCapacity) {
+        if (nameBytes != 0 && nameBytes <= request.replyNameCapacity) {
             std::memcpy(bytes.data() + offsetof(ServiceReply, Payload.RedirectAttributes.Name), reply.name.data(),
                         nameBytes);
         }
