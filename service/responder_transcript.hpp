@@ -125,7 +125,10 @@ inline void PrintTransportTranscript(std::ostream& out)
             } else {
                 out << "  service -> filter: nothing read\n";
             }
-            out << "  result " << detail::Hex(static_cast<uint32_t>(result)) << "\n\n";
+            out << "  result " << detail::Hex(static_cast<uint32_t>(result)) << "\n";
+            if (request.pMessage->RequestCode != SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED) {
+                out << "\n";
+            }
         };
 
         ServiceRequest request;
@@ -146,8 +149,8 @@ inline void PrintTransportTranscript(std::ostream& out)
         show("Bring the file's content to the disk before the open goes on:", result, request);
         if (request.bReplyRead) {
             const DownloadIfRequiredPayload& flags = request.pReply->Payload.DownloadIfRequired;
-            out << "  (upload cancelled " << int(flags.bUploadCancelled) << ", locked " << int(flags.bLocked)
-                << ", track dirty blocks " << int(flags.bTrackDirtyBlocks) << ")\n\n";
+            out << "  flags: upload cancelled " << int(flags.bUploadCancelled) << ", locked " << int(flags.bLocked)
+                << ", track dirty blocks " << int(flags.bTrackDirtyBlocks) << "\n\n";
         }
         EndServiceRequest(&request);
 
