@@ -63,6 +63,7 @@ TEST_F(ResponderTest, FirstMatchingRuleAnswersByCodeAndPathAndUsesRunOut)
               STATUS_SHARING_VIOLATION);
     EXPECT_EQ(Ask(u"\\Device\\HarddiskVolume2\\Data\\x.txt", SERVICE_REQUEST_OBJECT_WRITE_NOTIFY), STATUS_NOT_FOUND);
 
+    ASSERT_TRUE(service.WaitForHandled(5));  // the filter may have its reply before the service notes it
     auto requests = service.Requests();
     ASSERT_EQ(requests.size(), 5u);
     for (const auto& request : requests) {
