@@ -3,6 +3,7 @@
 #include "iomgr.hpp"
 
 #include <ntsim/sim/pool.hpp>
+#include <ntsim/sim/ports.hpp>
 #include <ntsim/sim/text.hpp>
 #include <ntsim/sim/verifier.hpp>
 
@@ -309,6 +310,9 @@ VOID FLTAPI FltUnregisterFilter(PFLT_FILTER Filter)
         verifier::BugCheck(rules::kBadObject, "FltUnregisterFilter of a filter that is not registered");
         return;
     }
+    // The filter's communication ports go first: their clients are disconnected (each disconnect
+    // notification runs now, while the filter still exists) and ports it left open are reported.
+    ports::DisconnectFilterPorts(Filter);
     std::vector<std::shared_ptr<_FLT_INSTANCE>> instances;
     {
         Registry& registry = GetRegistry();
