@@ -11,4 +11,5 @@
 #include "ntsim/ps.h"   // processes and threads
 #include "ntsim/ob.h"   // object manager: handles, symbolic links
 #include "ntsim/mm.h"   // MmGetSystemRoutineAddress
+#include "ntsim/etw.h"  // EtwRegister, EtwWrite: the provider side of event tracing
 #include "ntsim/ver.h"  // RtlGetVersion
