@@ -20,8 +20,12 @@ struct Scene {
 };
 
 int PlatformDemo(std::span<const std::string> arguments, std::ostream& out);
+int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out);
 
 inline constexpr Scene kScenes[] = {
+    {"demo",
+     "FolderMerge on ntsim: a service configures it, the gate judges opens, pass-through mode, unload",
+     FolderMergeDemo},
     {"platform-demo",
      "a logging filter on ntsim watches a user process create, write, list, rename and close files on C:",
      PlatformDemo},
