@@ -24,6 +24,16 @@
 #define CONTROL_REQUEST_DIRTY_BLOCK_COUNT 4
 #define CONTROL_MESSAGE_MIN_SIZE 8
 
+// The dirty block queries: the head of each request before its path, and the replies' lengths.
+// A map reply is DIRTY_BLOCK_MAP_REPLY_LENGTH(MapLength) bytes: the head, the map, and 4 zero bytes.
+#define DIRTY_BLOCK_MAP_REQUEST_HEAD_SIZE 8
+#define DIRTY_BLOCK_COUNT_REQUEST_HEAD_SIZE 10
+#define DIRTY_BLOCK_MAP_REPLY_HEAD_SIZE 8
+#define DIRTY_BLOCK_MAP_REPLY_TAIL_SIZE 4
+#define DIRTY_BLOCK_MAP_REPLY_LENGTH(mapLength) \
+    (DIRTY_BLOCK_MAP_REPLY_HEAD_SIZE + (mapLength) + DIRTY_BLOCK_MAP_REPLY_TAIL_SIZE)
+#define DIRTY_BLOCK_COUNT_REPLY_SIZE 8
+
 #define CONFIGURATION_MIN_VERSION 4
 #define CONFIGURATION_MAX_FOLDERS 50
 #define CONFIGURATION_SID_CHARS 261
@@ -63,6 +73,40 @@ typedef struct _SetTracingEnabledMessage {
     uint8_t bEnable;
 } SetTracingEnabledMessage;
 
+// Control message 3: the dirty block map of one file, which the filter hands back and clears. The
+// path follows the head: the file's device path (\Device\HarddiskVolume2\Data\a.txt) ended by a
+// zero character, as long as the message makes it.
+typedef struct _DirtyBlockMapRequest {
+    uint32_t Code;  // CONTROL_REQUEST_DIRTY_BLOCK_MAP
+    uint32_t Reserved;
+    uint16_t Path[1];
+} DirtyBlockMapRequest;
+
+// Control message 4: the dirty block count of one file, cleared with the map when bReset is set.
+typedef struct _DirtyBlockCountRequest {
+    uint32_t Code;  // CONTROL_REQUEST_DIRTY_BLOCK_COUNT
+    uint32_t Reserved1;
+    uint8_t bReset;  // non-zero: clear the map and the count once read
+    uint8_t Reserved2;
+    uint16_t Path[1];
+} DirtyBlockCountRequest;
+
+// The reply to message 3, in its output buffer: the head, MapLength bytes of map, then
+// DIRTY_BLOCK_MAP_REPLY_TAIL_SIZE zero bytes that the reply's length counts.
+typedef struct _DirtyBlockMapReply {
+    uint8_t bTrackingFailed;
+    uint8_t Reserved[3];
+    uint32_t MapLength;
+    uint8_t Map[1];
+} DirtyBlockMapReply;
+
+// The reply to message 4, in its output buffer.
+typedef struct _DirtyBlockCountReply {
+    uint8_t bTrackingFailed;
+    uint8_t Reserved[3];
+    uint32_t DirtyBlockCount;
+} DirtyBlockCountReply;
+
 #pragma pack(pop)
 
 static_assert(offsetof(MergeFolderRecord, Sid) == 0, "MergeFolderRecord.Sid");
@@ -87,3 +131,25 @@ static_assert(offsetof(SetTracingEnabledMessage, Code) == 0, "SetTracingEnabledM
 static_assert(offsetof(SetTracingEnabledMessage, Reserved) == 4, "SetTracingEnabledMessage.Reserved");
 static_assert(offsetof(SetTracingEnabledMessage, bEnable) == 8, "SetTracingEnabledMessage.bEnable");
 static_assert(sizeof(SetTracingEnabledMessage) == 9, "SetTracingEnabledMessage size");
+
+static_assert(offsetof(DirtyBlockMapRequest, Code) == 0, "DirtyBlockMapRequest.Code");
+static_assert(offsetof(DirtyBlockMapRequest, Reserved) == 4, "DirtyBlockMapRequest.Reserved");
+static_assert(offsetof(DirtyBlockMapRequest, Path) == DIRTY_BLOCK_MAP_REQUEST_HEAD_SIZE, "DirtyBlockMapRequest.Path");
+
+static_assert(offsetof(DirtyBlockCountRequest, Code) == 0, "DirtyBlockCountRequest.Code");
+static_assert(offsetof(DirtyBlockCountRequest, Reserved1) == 4, "DirtyBlockCountRequest.Reserved1");
+static_assert(offsetof(DirtyBlockCountRequest, bReset) == 8, "DirtyBlockCountRequest.bReset");
+static_assert(offsetof(DirtyBlockCountRequest, Reserved2) == 9, "DirtyBlockCountRequest.Reserved2");
+static_assert(offsetof(DirtyBlockCountRequest, Path) == DIRTY_BLOCK_COUNT_REQUEST_HEAD_SIZE,
+              "DirtyBlockCountRequest.Path");
+
+static_assert(offsetof(DirtyBlockMapReply, bTrackingFailed) == 0, "DirtyBlockMapReply.bTrackingFailed");
+static_assert(offsetof(DirtyBlockMapReply, Reserved) == 1, "DirtyBlockMapReply.Reserved");
+static_assert(offsetof(DirtyBlockMapReply, MapLength) == 4, "DirtyBlockMapReply.MapLength");
+static_assert(offsetof(DirtyBlockMapReply, Map) == DIRTY_BLOCK_MAP_REPLY_HEAD_SIZE, "DirtyBlockMapReply.Map");
+static_assert(DIRTY_BLOCK_MAP_REPLY_LENGTH(0) == 12, "DirtyBlockMapReply length of an empty map");
+
+static_assert(offsetof(DirtyBlockCountReply, bTrackingFailed) == 0, "DirtyBlockCountReply.bTrackingFailed");
+static_assert(offsetof(DirtyBlockCountReply, Reserved) == 1, "DirtyBlockCountReply.Reserved");
+static_assert(offsetof(DirtyBlockCountReply, DirtyBlockCount) == 4, "DirtyBlockCountReply.DirtyBlockCount");
+static_assert(sizeof(DirtyBlockCountReply) == DIRTY_BLOCK_COUNT_REPLY_SIZE, "DirtyBlockCountReply size");

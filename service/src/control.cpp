@@ -7,18 +7,6 @@ namespace foldermerge::service {
 
 namespace {
 
-// REQUEST_DIRTY_BLOCK_MAP: u32 code, 4 reserved bytes, the path from offset 8 ended by a zero
-// character. REQUEST_DIRTY_BLOCK_COUNT: u32 code, 4 reserved, u8 bReset at 8, 1 reserved, the path
-// from offset 10. Replies: u8 bTrackingFailed at 0, u32 at 4 (the map's length, or the count),
-// and for the map the map's bytes from 8 and 4 reserved bytes behind them.
-constexpr size_t kMapRequestPathOffset = 8;
-constexpr size_t kCountRequestResetOffset = 8;
-constexpr size_t kCountRequestPathOffset = 10;
-constexpr size_t kReplyValueOffset = 4;
-constexpr size_t kMapReplyMapOffset = 8;
-constexpr size_t kMapReplyOverhead = 12;
-constexpr size_t kCountReplySize = 8;
-
 // Copies text and its terminating zero into a field of `chars` characters; false when it does not fit.
 bool PutText(uint16_t* field, size_t chars, std::u16string_view text)
 {
@@ -32,19 +20,12 @@ bool PutText(uint16_t* field, size_t chars, std::u16string_view text)
     return true;
 }
 
+// Copies path behind a request's head; the buffer's zeroed tail is its terminator.
 void PutPath(uint8_t* at, std::u16string_view path)
 {
-    for (size_t i = 0; i < path.size(); ++i) {
-        const auto c = static_cast<uint16_t>(path[i]);
-        std::memcpy(at + 2 * i, &c, sizeof(c));
+    if (!path.empty()) {
+        std::memcpy(at, path.data(), path.size() * sizeof(char16_t));
     }
-}
-
-uint32_t ReadU32(const uint8_t* at)
-{
-    uint32_t value;
-    std::memcpy(&value, at, sizeof(value));
-    return value;
 }
 
 }  // namespace
@@ -175,43 +156,44 @@ HRESULT FilterConnection::SetTracingEnabled(bool enable)
 HRESULT FilterConnection::RequestDirtyBlockMap(std::u16string_view devicePath, uint32_t mapCapacity,
                                                DirtyBlockMap* map)
 {
-    HeapBuffer message(kMapRequestPathOffset + 2 * (devicePath.size() + 1));
-    const uint32_t code = CONTROL_REQUEST_DIRTY_BLOCK_MAP;
-    std::memcpy(message.data(), &code, sizeof(code));
-    PutPath(message.data() + kMapRequestPathOffset, devicePath);
-    HeapBuffer reply(kMapReplyOverhead + mapCapacity);
+    HeapBuffer message(DIRTY_BLOCK_MAP_REQUEST_HEAD_SIZE + sizeof(char16_t) * (devicePath.size() + 1));
+    message.as<DirtyBlockMapRequest>()->Code = CONTROL_REQUEST_DIRTY_BLOCK_MAP;
+    PutPath(message.data() + DIRTY_BLOCK_MAP_REQUEST_HEAD_SIZE, devicePath);
+    HeapBuffer reply(DIRTY_BLOCK_MAP_REPLY_LENGTH(size_t{mapCapacity}));
     DWORD returned = 0;
     const HRESULT result = SendControl(message, &reply, &returned);
     if (FAILED(result)) {
         return result;
     }
-    const uint32_t mapLength = ReadU32(reply.data() + kReplyValueOffset);
-    if (returned < kMapReplyOverhead || mapLength > returned - kMapReplyOverhead) {
+    const auto* record = reply.as<DirtyBlockMapReply>();
+    if (returned < DIRTY_BLOCK_MAP_REPLY_LENGTH(0) || record->MapLength > returned - DIRTY_BLOCK_MAP_REPLY_LENGTH(0)) {
         return E_FAIL;  // not a map reply
     }
-    map->trackingFailed = reply.data()[0] != 0;
-    map->map.assign(reply.data() + kMapReplyMapOffset, reply.data() + kMapReplyMapOffset + mapLength);
+    map->trackingFailed = record->bTrackingFailed != 0;
+    const uint8_t* bytes = reply.data() + DIRTY_BLOCK_MAP_REPLY_HEAD_SIZE;
+    map->map.assign(bytes, bytes + record->MapLength);
     return S_OK;
 }
 
 HRESULT FilterConnection::RequestDirtyBlockCount(std::u16string_view devicePath, bool reset, DirtyBlockCount* count)
 {
-    HeapBuffer message(kCountRequestPathOffset + 2 * (devicePath.size() + 1));
-    const uint32_t code = CONTROL_REQUEST_DIRTY_BLOCK_COUNT;
-    std::memcpy(message.data(), &code, sizeof(code));
-    message.data()[kCountRequestResetOffset] = reset ? 1 : 0;
-    PutPath(message.data() + kCountRequestPathOffset, devicePath);
-    HeapBuffer reply(kCountReplySize);
+    HeapBuffer message(DIRTY_BLOCK_COUNT_REQUEST_HEAD_SIZE + sizeof(char16_t) * (devicePath.size() + 1));
+    auto* request = message.as<DirtyBlockCountRequest>();
+    request->Code = CONTROL_REQUEST_DIRTY_BLOCK_COUNT;
+    request->bReset = reset ? 1 : 0;
+    PutPath(message.data() + DIRTY_BLOCK_COUNT_REQUEST_HEAD_SIZE, devicePath);
+    HeapBuffer reply(sizeof(DirtyBlockCountReply));
     DWORD returned = 0;
     const HRESULT result = SendControl(message, &reply, &returned);
     if (FAILED(result)) {
         return result;
     }
-    if (returned < kCountReplySize) {
+    if (returned < DIRTY_BLOCK_COUNT_REPLY_SIZE) {
         return E_FAIL;
     }
-    count->trackingFailed = reply.data()[0] != 0;
-    count->count = ReadU32(reply.data() + kReplyValueOffset);
+    const auto* record = reply.as<DirtyBlockCountReply>();
+    count->trackingFailed = record->bTrackingFailed != 0;
+    count->count = record->DirtyBlockCount;
     return S_OK;
 }
 
