@@ -1,14 +1,19 @@
 // Worker threads of the Thread port.
 #include <foldermerge/service/receiver.hpp>
 
+#include <servicerequests.h>
+
 #include <algorithm>
 #include <cstring>
 
 namespace foldermerge::service {
 
 RequestReceiver::RequestReceiver(HANDLE port, RequestHandler handler, unsigned workers, size_t bufferSize,
-                                 ThreadStarter starter)
-    : port_(port), handler_(std::move(handler)), bufferSize_(std::max(bufferSize, sizeof(FILTER_MESSAGE_HEADER)))
+                                 ThreadStarter starter, ReplyObserver observer)
+    : port_(port),
+      handler_(std::move(handler)),
+      observer_(std::move(observer)),
+      bufferSize_(std::max(bufferSize, sizeof(FILTER_MESSAGE_HEADER)))
 {
     if (!starter) {
         starter = [](std::function<void()> body) { return std::thread(std::move(body)); };
@@ -36,7 +41,11 @@ void RequestReceiver::Work()
 {
     HeapBuffer buffer(bufferSize_);
     HeapBuffer answer;
+    // The message header and a request's head are cleared before each message, so that a short
+    // message never shows the head of an earlier one.
+    const size_t cleared = std::min(buffer.size(), sizeof(FILTER_MESSAGE_HEADER) + SERVICE_REQUEST_HEAD_SIZE);
     for (;;) {
+        std::memset(buffer.data(), 0, cleared);
         const HRESULT got =
             FilterGetMessage(port_, buffer.as<FILTER_MESSAGE_HEADER>(), buffer.dwordSize(), nullptr);
         const bool truncated = got == HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
@@ -53,6 +62,9 @@ void RequestReceiver::Work()
         request.truncated = truncated;
         std::optional<std::vector<uint8_t>> reply = handler_(request);
         if (!reply || header.ReplyLength == 0) {
+            if (observer_) {
+                observer_(request, std::nullopt);
+            }
             continue;
         }
         const size_t size = sizeof(FILTER_REPLY_HEADER) + reply->size();
@@ -68,10 +80,14 @@ void RequestReceiver::Work()
         if (!reply->empty()) {
             std::memcpy(answer.data() + sizeof(FILTER_REPLY_HEADER), reply->data(), reply->size());
         }
-        if (SUCCEEDED(FilterReplyMessage(port_, head, static_cast<DWORD>(size)))) {
+        const HRESULT replied = FilterReplyMessage(port_, head, static_cast<DWORD>(size));
+        if (SUCCEEDED(replied)) {
             ++answered_;
         } else {
             ++refused_;
+        }
+        if (observer_) {
+            observer_(request, replied);
         }
     }
 }

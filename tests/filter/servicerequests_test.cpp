@@ -1,34 +1,28 @@
-// The request frame and its transport: messages as the service receives them, byte for byte; the
-// SID test; and how a result is judged when the Thread port goes away, the service never answers,
-// the thread is being terminated, or the service refuses.
-#include <gtest/gtest.h>
+// The request frame and its transport, in the FolderMerge driver: messages as the service receives
+// them, byte for byte; the SID test; and how a result is judged when the Thread port goes away, the
+// service never answers, the thread is being terminated, or the service refuses.
+#include "filter_fixture.hpp"
+
+#include <foldermerge/service/responder.hpp>
 
 #include <ntsim/sim/clock.hpp>
 #include <ntsim/sim/faults.hpp>
-#include <ntsim/sim/iomanager.hpp>
-#include <ntsim/sim/ntfs.hpp>
-#include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/ports.hpp>
-#include <ntsim/sim/text.hpp>
 
-#include <atomic>
 #include <cstring>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "../../service/responder_host.hpp"
-#include "../../service/responder_scripted.hpp"
+#include "driver/mergefolders.h"
 #include "fileaccess.h"
 #include "servicerequests.h"
 
+namespace foldermerge::testing {
 namespace {
 
-using foldermerge::service::ReplyContent;
-using foldermerge::service::ResponderAction;
-using foldermerge::service::ScriptedResponder;
-using foldermerge::service::TransportHost;
+using service::ResponderAction;
+using service::ScriptedResponder;
 
 constexpr char16_t kVolume[] = u"\\Device\\HarddiskVolume2";
 constexpr char16_t kSid[] = u"S-1-5-21-1004336348-1177238915-682003330-1001";
@@ -79,25 +73,19 @@ struct Outcome {
     std::vector<uint8_t> reply;
 };
 
-class ServiceRequestTest : public ::testing::Test {
+class ServiceRequestTest : public LoadedFilter {
 protected:
     void SetUp() override
     {
-        volume_ = ntsim::CreateNtfsVolume(kVolume);
-        ASSERT_EQ(ntsim::MountVolume(volume_, u"C:"), STATUS_SUCCESS);
-        ASSERT_EQ(host_.Load(), STATUS_SUCCESS);
-        instance_ = TransportHost::InstanceOf(kVolume);
-        ASSERT_NE(instance_, nullptr);
+        LoadedFilter::SetUp();
+        if (HasFatalFailure()) {
+            return;
+        }
+        // The driver's own instance on C: is the target instance of the requests' file opens.
+        ntsim::UnicodeStringHolder root(std::u16string(kVolume) + u"\\");
+        ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, root.get(), &instance_), STATUS_SUCCESS);
+        FltObjectDereference(instance_);  // the instance lives as long as the driver is attached
     }
-
-    void TearDown() override
-    {
-        EXPECT_EQ(host_.Unload(), STATUS_SUCCESS);
-        EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
-        EXPECT_EQ(ntsim::DismountVolume(kVolume), STATUS_SUCCESS);
-    }
-
-    static ScriptedResponder::Options ServiceOptions() { return {.portName = TransportHost::kPortName}; }
 
     // Begins a request, sends it once, takes what the caller may read, and ends it.
     static Outcome Send(ULONG ulCode, PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, ULONG ulReplyLength,
@@ -134,8 +122,6 @@ protected:
                                    nullptr, nullptr};
     }
 
-    TransportHost host_;
-    std::shared_ptr<ntsim::MemoryVolume> volume_;
     PFLT_INSTANCE instance_ = nullptr;
 };
 
@@ -148,7 +134,7 @@ TEST_F(ServiceRequestTest, UploadWithoutSignatureIsTheHeadThePathAndNothingElse)
     volume_->SeedFile(file + u":" + reinterpret_cast<const char16_t*>(MARKER_STREAM_NAME), "");
     const FILE_BASIC_INFORMATION basic = *volume_->BasicInformation(file);
 
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     ASSERT_EQ(service.Connect(), S_OK);
 
     ntsim::UnicodeStringHolder sid(kSid);
@@ -202,7 +188,7 @@ TEST_F(ServiceRequestTest, RenameCarriesTheNewPathDirectlyBehindTheOldOne)
     ASSERT_EQ(oldPath.size() * 2, 40u);
     ASSERT_EQ(newPath.size() * 2, 44u);
 
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     ASSERT_EQ(service.Connect(), S_OK);
 
     ntsim::UnicodeStringHolder sid(kSid);
@@ -243,7 +229,7 @@ TEST_F(ServiceRequestTest, RenameCarriesTheNewPathDirectlyBehindTheOldOne)
 
 TEST_F(ServiceRequestTest, DirectoryContentsIsTheBareHeadWithTheListingInTheSidField)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS, .reply = {.listing = {1, 2, 3}}});
     ASSERT_EQ(service.Connect(), S_OK);
 
@@ -312,37 +298,44 @@ TEST_F(ServiceRequestTest, SidTooLongForItsFieldIsCutAndLeavesPathLengthAlone)
 
 // ---- judging the result ----
 
-TEST_F(ServiceRequestTest, ReplyThatArrivesAfterAThreadPortDisconnectIsDropped)
+TEST_F(ServiceRequestTest, ReplyAfterAThreadPortDisconnectSinceTheRequestBeganIsDropped)
 {
-    ScriptedResponder service(ServiceOptions());
-    service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_READ_ONLY,
-                     .reply = {.status = 0, .readOnly = true},
-                     .delay = ntsim::clock::kMinute});
-    ASSERT_EQ(service.Connect(), S_OK);
+    ntsim::UnicodeStringHolder sid(kSid);
+    ntsim::UnicodeStringHolder path(u"\\Device\\HarddiskVolume2\\Data\\a");
+    ServiceRequest request;
+    ASSERT_EQ(BeginServiceRequest(&request, SERVICE_REQUEST_OBJECT_IS_READ_ONLY, sid.get(), path.get(), nullptr),
+              STATUS_SUCCESS);
 
-    auto outcome = SendAsync(SERVICE_REQUEST_OBJECT_IS_READ_ONLY, kSid, u"\\Device\\HarddiskVolume2\\Data\\a", 17);
-    ASSERT_TRUE(service.WaitForRequests(1));
-
-    // While the request waits, another Thread port connection comes and goes.
+    // The request has noted the disconnect count when the service's Thread port goes and a new
+    // one comes (the driver takes one Thread port at a time).
     {
-        ScriptedResponder other(ServiceOptions());
-        ASSERT_EQ(other.Connect(), S_OK);
+        ScriptedResponder gone;
+        ASSERT_EQ(gone.Connect(), S_OK);
     }
     EXPECT_EQ(g_ServiceData.ClientPortDisconnectCount, 1u);
+    ScriptedResponder service;
+    service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_READ_ONLY, .reply = {.status = 0, .readOnly = true}});
+    ASSERT_EQ(service.Connect(), S_OK);
 
-    ntsim::clock::Advance(ntsim::clock::kMinute);
-    Outcome result = outcome.get();
+    EXPECT_EQ(SendServiceRequest(&request, SERVICE_REPLY_LENGTH_OBJECT_IS_READ_ONLY), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(request.SendStatus, STATUS_SUCCESS);  // the reply reached the filter...
+    EXPECT_EQ(request.bReplyRead, 0);               // ...which drops it
+    EndServiceRequest(&request);
     ASSERT_TRUE(service.WaitForHandled(1));
-    auto requests = service.Requests();
-    EXPECT_TRUE(requests[0].answered);
-    EXPECT_EQ(requests[0].replyResult, S_OK);  // the reply reached the filter...
-    EXPECT_EQ(result.status, STATUS_UNSUCCESSFUL);  // ...which drops it
-    EXPECT_EQ(result.bReplyRead, 0);
+    EXPECT_TRUE(service.Requests()[0].answered);
+    EXPECT_EQ(service.Requests()[0].replyResult, S_OK);
+
+    // A request that begins now has the new count, and reads its reply.
+    Outcome next = Send(SERVICE_REQUEST_OBJECT_IS_READ_ONLY, sid.get(), path.get(),
+                        SERVICE_REPLY_LENGTH_OBJECT_IS_READ_ONLY);
+    EXPECT_EQ(next.status, STATUS_SUCCESS);
+    ASSERT_EQ(next.bReplyRead, 1);
+    EXPECT_EQ(next.reply[16], 1);
 }
 
 TEST_F(ServiceRequestTest, DisconnectDuringTheWaitIsUnsuccessfulAndLaterSendsFailAsTheSendDoes)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_DELETED, .action = ResponderAction::Disconnect});
     ASSERT_EQ(service.Connect(), S_OK);
 
@@ -365,7 +358,7 @@ TEST_F(ServiceRequestTest, DisconnectDuringTheWaitIsUnsuccessfulAndLaterSendsFai
 
 TEST_F(ServiceRequestTest, ServiceThatNeverAnswersCostsThirtyMinutesAndGivesTimeoutNotAnError)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_LOCKED, .action = ResponderAction::NoAnswer});
     ASSERT_EQ(service.Connect(), S_OK);
 
@@ -384,7 +377,7 @@ TEST_F(ServiceRequestTest, ServiceThatNeverAnswersCostsThirtyMinutesAndGivesTime
 
 TEST_F(ServiceRequestTest, ReplyAfterTheTimeOutIsLost)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_READ_ONLY,
                      .reply = {.readOnly = true},
                      .delay = 31 * ntsim::clock::kMinute});
@@ -405,7 +398,7 @@ TEST_F(ServiceRequestTest, ReplyAfterTheTimeOutIsLost)
 
 TEST_F(ServiceRequestTest, ThreadBeingTerminatedSendsOnceMoreAndTheSecondResultStands)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE, .reply = {.status = 0}});
     ASSERT_EQ(service.Connect(), S_OK);
     ntsim::UnicodeStringHolder sid(kSid);
@@ -435,8 +428,8 @@ TEST_F(ServiceRequestTest, ThreadBeingTerminatedSendsOnceMoreAndTheSecondResultS
 
 TEST_F(ServiceRequestTest, ExistsAndInformationTakeTheirPayloadWhateverTheStatusOthersReturnIt)
 {
-    ScriptedResponder service(ServiceOptions());
-    foldermerge::service::FileInformation information{.creationTime = 11, .lastWriteTime = 33,
+    ScriptedResponder service;
+    service::FileInformation information{.creationTime = 11, .lastWriteTime = 33,
                                                       .fileAttributes = FILE_ATTRIBUTE_READONLY, .endOfFile = 99,
                                                       .numberOfLinks = 2};
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_EXISTS,
@@ -478,7 +471,7 @@ TEST_F(ServiceRequestTest, ExistsAndInformationTakeTheirPayloadWhateverTheStatus
 
 TEST_F(ServiceRequestTest, SameMessageCanBeSentAgainWithANewReplyBuffer)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     ASSERT_EQ(service.Connect(), S_OK);
     ntsim::UnicodeStringHolder sid(kSid);
     ntsim::UnicodeStringHolder path(u"\\Device\\HarddiskVolume2\\Data\\a.txt");
@@ -507,7 +500,7 @@ TEST_F(ServiceRequestTest, SameMessageCanBeSentAgainWithANewReplyBuffer)
 
 TEST_F(ServiceRequestTest, NoMemoryForTheMessageOrTheReplySendsNothing)
 {
-    ScriptedResponder service(ServiceOptions());
+    ScriptedResponder service;
     ASSERT_EQ(service.Connect(), S_OK);
     ntsim::UnicodeStringHolder sid(kSid);
     ntsim::UnicodeStringHolder path(u"\\Device\\HarddiskVolume2\\Data\\a.txt");
@@ -530,3 +523,4 @@ TEST_F(ServiceRequestTest, NoMemoryForTheMessageOrTheReplySendsNothing)
 }
 
 }  // namespace
+}  // namespace foldermerge::testing

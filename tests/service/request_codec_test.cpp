@@ -2,12 +2,12 @@
 // that are no request, and encoding each reply at the length the filter waits for.
 #include <gtest/gtest.h>
 
+#include <foldermerge/service/reply.hpp>
+#include <foldermerge/service/request.hpp>
+
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include "../../service/request_reply.hpp"
-#include "../../service/request_view.hpp"
 
 namespace {
 

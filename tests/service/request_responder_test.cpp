@@ -1,36 +1,25 @@
-// The scripted service: which rule answers a request (by code, by path, for a number of uses, or
-// computed from the request), and that it runs as a process of its own.
-#include <gtest/gtest.h>
+// The scripted service against the FolderMerge driver: which rule answers a request (by code, by
+// path, for a number of uses, or computed from the request), that it runs as a process of its own,
+// and what it makes of bytes that are no request.
+#include "../filter/filter_fixture.hpp"
 
-#include <ntsim/sim/pool.hpp>
-#include <ntsim/sim/text.hpp>
+#include <foldermerge/service/responder.hpp>
 
-#include "../../service/responder_host.hpp"
-#include "../../service/responder_scripted.hpp"
 #include "servicerequests.h"
 
+namespace foldermerge::testing {
 namespace {
 
-using foldermerge::service::ReplyContent;
-using foldermerge::service::RequestView;
-using foldermerge::service::ScriptedResponder;
-using foldermerge::service::TransportHost;
+using service::ReplyContent;
+using service::RequestView;
+using service::ScriptedResponder;
 
-constexpr char16_t kSid[] = u"S-1-5-21-1-2-3-1001";
-
-class ResponderTest : public ::testing::Test {
+class ResponderTest : public LoadedFilter {
 protected:
-    void SetUp() override { ASSERT_EQ(host_.Load(), STATUS_SUCCESS); }
-    void TearDown() override
-    {
-        EXPECT_EQ(host_.Unload(), STATUS_SUCCESS);
-        EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
-    }
-
-    // The reply's Status of a code 16 request for path.
+    // The result of a request of ulCode (code 16 by default) for path, as the filter judged it.
     static NTSTATUS Ask(std::u16string_view path, ULONG ulCode = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE)
     {
-        ntsim::UnicodeStringHolder sid(kSid);
+        ntsim::UnicodeStringHolder sid(kAlice);
         ntsim::UnicodeStringHolder pathText(path);
         ServiceRequest request;
         NTSTATUS status = BeginServiceRequest(&request, ulCode, sid.get(), pathText.get(), nullptr);
@@ -40,14 +29,11 @@ protected:
         EndServiceRequest(&request);
         return status;
     }
-
-    TransportHost host_;
 };
 
 TEST_F(ResponderTest, FirstMatchingRuleAnswersByCodeAndPathAndUsesRunOut)
 {
-    ScriptedResponder service({.portName = TransportHost::kPortName,
-                               .defaultReply = {.status = (int32_t)STATUS_NOT_FOUND}});
+    ScriptedResponder service({.defaultReply = {.status = (int32_t)STATUS_NOT_FOUND}});
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE,
                      .path = u"\\Device\\HarddiskVolume2\\Data\\Once.txt",
                      .reply = {.status = (int32_t)STATUS_ACCESS_DENIED},
@@ -68,7 +54,7 @@ TEST_F(ResponderTest, FirstMatchingRuleAnswersByCodeAndPathAndUsesRunOut)
     ASSERT_EQ(requests.size(), 5u);
     for (const auto& request : requests) {
         ASSERT_TRUE(request.view.has_value()) << request.decodeError;
-        EXPECT_EQ(request.view->sid, kSid);
+        EXPECT_EQ(request.view->sid, kAlice);
         EXPECT_TRUE(request.answered);
         EXPECT_EQ(request.replyResult, S_OK);
     }
@@ -77,7 +63,7 @@ TEST_F(ResponderTest, FirstMatchingRuleAnswersByCodeAndPathAndUsesRunOut)
 
 TEST_F(ResponderTest, ComputedAnswersSeeTheRequestAndTheServiceIsItsOwnProcess)
 {
-    ScriptedResponder service({.portName = TransportHost::kPortName});
+    ScriptedResponder service;
     service.AddRule({.answer = [](const RequestView& request) {
         return ReplyContent{.status = request.path.ends_with(u".tmp") ? (int32_t)STATUS_SUCCESS
                                                                        : (int32_t)STATUS_OBJECT_NAME_NOT_FOUND};
@@ -97,4 +83,33 @@ TEST_F(ResponderTest, ComputedAnswersSeeTheRequestAndTheServiceIsItsOwnProcess)
     EXPECT_EQ(g_ServiceData.ClientPortDisconnectCount, 1u);
 }
 
+TEST_F(ResponderTest, BytesThatAreNoRequestAreRecordedWithTheReasonAndRefused)
+{
+    ScriptedResponder service;
+    ASSERT_EQ(service.Connect(), S_OK);
+    EXPECT_EQ(Ask(u"\\Device\\HarddiskVolume2\\Data\\a.txt"), STATUS_SUCCESS);
+
+    // Eight bytes that begin as a code 16 request would: the head of the request before them must
+    // not show through behind them.
+    const uint32_t shortMessage[2] = {SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE, 0};
+    alignas(8) UCHAR reply[SERVICE_REPLY_HEAD_SIZE] = {};
+    ULONG replyLength = sizeof(reply);
+    PFLT_PORT port = g_ServiceData.ThreadClientPort;
+    ASSERT_EQ(FltSendMessage(g_ServiceData.FilterHandle, &port, (PVOID)shortMessage, sizeof(shortMessage), reply,
+                             &replyLength, nullptr),
+              STATUS_SUCCESS);
+    NTSTATUS replied;
+    std::memcpy(&replied, reply, sizeof(replied));
+    EXPECT_EQ(replied, STATUS_INVALID_PARAMETER);
+
+    ASSERT_TRUE(service.WaitForHandled(2));
+    auto requests = service.Requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_TRUE(requests[0].view.has_value());
+    EXPECT_FALSE(requests[1].view.has_value());
+    EXPECT_NE(requests[1].decodeError.find("MessageLength 0"), std::string::npos) << requests[1].decodeError;
+    EXPECT_TRUE(requests[1].answered);
+}
+
 }  // namespace
+}  // namespace foldermerge::testing

@@ -37,12 +37,16 @@ using RequestHandler = std::function<std::optional<std::vector<uint8_t>>(const I
 // std::thread; a platform whose threads need setting up passes its own.
 using ThreadStarter = std::function<std::thread(std::function<void()> body)>;
 
+// Told, in the worker, once the handler's request is dealt with: what FilterReplyMessage returned,
+// or nothing when no answer went out (the handler gave none, or the filter waits for no reply).
+using ReplyObserver = std::function<void(const IncomingRequest& request, std::optional<HRESULT> replied)>;
+
 class RequestReceiver {
 public:
     // Starts `workers` threads taking requests from port with buffers of bufferSize bytes (the
     // message header included). The port stays the caller's.
     RequestReceiver(HANDLE port, RequestHandler handler, unsigned workers, size_t bufferSize,
-                    ThreadStarter starter = {});
+                    ThreadStarter starter = {}, ReplyObserver observer = {});
     // Joins the workers: they end when the port closes or its connection ends.
     ~RequestReceiver();
     RequestReceiver(const RequestReceiver&) = delete;
@@ -61,6 +65,7 @@ private:
 
     HANDLE port_;
     RequestHandler handler_;
+    ReplyObserver observer_;
     size_t bufferSize_;
     std::atomic<uint64_t> received_{0};
     std::atomic<uint64_t> answered_{0};
