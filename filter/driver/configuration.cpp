@@ -183,10 +183,13 @@ NTSTATUS SetConfiguration(SetConfigurationMessage* pMessage)
         goto Cleanup;
     }
     __try {
-        if (pMessage->ConfigVersion < CONFIGURATION_MIN_VERSION) {
+        if (bUserBuffers) {
+            ProbeForRead(pMessage, sizeof(SetConfigurationMessage), 1);
+        }
+        pBlock = (const MergeFolderBlock*)(ULONG_PTR)pMessage->pFolderBlock;
+        if (pMessage->ConfigVersion < CONFIGURATION_MIN_VERSION || pBlock == nullptr) {
             status = STATUS_INVALID_PARAMETER;
         } else {
-            pBlock = (const MergeFolderBlock*)(ULONG_PTR)pMessage->pFolderBlock;
             if (bUserBuffers) {
                 ProbeForRead(pBlock, sizeof(pBlock->FolderCount), 1);
             }

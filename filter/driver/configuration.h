@@ -12,9 +12,12 @@
 NTSTATUS ClearConfiguration();
 
 // Fills the table and the blacklist from a SetConfiguration message, after ClearConfiguration.
-// STATUS_INVALID_PARAMETER for a null message, a version below 4, more than 50 folders or a folder
-// block the caller can't read; STATUS_SUCCESS with nothing changed for 0 folders; STATUS_NO_MEMORY
-// when the blacklist can't be built whole. A folder that can't be set is dropped alone.
+// The message and its folder block are read only through guarded copies; from a user-mode caller
+// both must lie in its memory, and an address that doesn't ends the call with the exception's code
+// (STATUS_ACCESS_VIOLATION), with the rows set so far kept. STATUS_INVALID_PARAMETER for a null
+// message, a version below 4, a null folder block or more than 50 folders; STATUS_SUCCESS with
+// nothing changed for 0 folders; STATUS_NO_MEMORY when the blacklist can't be built whole. A
+// folder that can't be set is dropped alone.
 // IRQL: PASSIVE_LEVEL, in the sending process; holds g_ConfigLock throughout.
 NTSTATUS SetConfiguration(SetConfigurationMessage* pMessage);
 

@@ -3,6 +3,7 @@
 
 #include "configuration.h"
 #include "globals.h"
+#include "locks.h"
 #include "ownedstring.h"
 #include "servicemessages.h"
 #include "trace.h"
@@ -12,10 +13,40 @@
 static const ULONG ThreadPortCookie = 1;
 static const ULONG ConfigPortCookie = 2;
 
+// The filter takes one client port of each kind at a time: a slot holds the one port of its kind,
+// and its disconnect closes that port. A second connection of a kind is refused while the first
+// stands, so no client port is ever left without a slot that closes it. A kind is claimed from
+// its connect to the end of its disconnect, under g_ConfigLock; FltCloseClientPort runs outside
+// the lock and is what empties the slot.
+static UCHAR g_bThreadPortClaimed;
+static UCHAR g_bConfigPortClaimed;
+
+// Claims a kind for a new connection: FALSE when a connection of that kind stands.
+static BOOLEAN ClaimPortKind(UCHAR* pbClaimed)
+{
+    BOOLEAN bClaimed = FALSE;
+    AcquireLockExclusive(g_ConfigLock);
+    if (!*pbClaimed) {
+        *pbClaimed = 1;
+        bClaimed = TRUE;
+    }
+    ReleaseLock(g_ConfigLock);
+    return bClaimed;
+}
+
+static VOID ReleasePortKind(UCHAR* pbClaimed)
+{
+    AcquireLockExclusive(g_ConfigLock);
+    *pbClaimed = 0;
+    ReleaseLock(g_ConfigLock);
+}
+
 NTSTATUS CreateServicePort(PSECURITY_DESCRIPTOR pSecurityDescriptor)
 {
     UNICODE_STRING portName;
     RtlInitUnicodeString(&portName, FOLDERMERGE_PORT_NAME);
+    g_bThreadPortClaimed = 0;
+    g_bConfigPortClaimed = 0;
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &portName, OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE, nullptr,
                                pSecurityDescriptor);
@@ -37,9 +68,17 @@ NTSTATUS FLTAPI FolderMergeService_Connect(PFLT_PORT ClientPort, PVOID ServerPor
 {
     UNREFERENCED_PARAMETER(ServerPortCookie);
     if (ConnectionContext != nullptr && SizeOfContext == THREAD_PORT_CONTEXT_SIZE) {
+        if (!ClaimPortKind(&g_bThreadPortClaimed)) {
+            TRACE_WARNING("Thread port connection refused: a Thread port is connected");
+            return STATUS_CONNECTION_REFUSED;
+        }
         *ConnectionPortCookie = (PVOID)&ThreadPortCookie;
         g_ServiceData.ThreadClientPort = ClientPort;
     } else {
+        if (!ClaimPortKind(&g_bConfigPortClaimed)) {
+            TRACE_WARNING("Config port connection refused: a Config port is connected");
+            return STATUS_CONNECTION_REFUSED;
+        }
         *ConnectionPortCookie = (PVOID)&ConfigPortCookie;
         g_ServiceData.ConfigClientPort = ClientPort;
     }
@@ -54,12 +93,15 @@ VOID FLTAPI FolderMergeService_Disconnect(PVOID ConnectionCookie)
         FltCloseClientPort(g_ServiceData.FilterHandle, &g_ServiceData.ThreadClientPort);
         // A service request in flight sees the count change and fails.
         g_ServiceData.ClientPortDisconnectCount++;
+        ReleasePortKind(&g_bThreadPortClaimed);
     } else if (ConnectionCookie == &ConfigPortCookie) {
         TRACE_INFO("Config port disconnected");
         FltCloseClientPort(g_ServiceData.FilterHandle, &g_ServiceData.ConfigClientPort);
         (VOID) ClearConfiguration();
         TRACE_INFO("ENTERING PASS-THROUGH MODE");
         g_PassThrough = 1;
+        // Only now may the next Config port come: its configuration must find the mode set.
+        ReleasePortKind(&g_bConfigPortClaimed);
     }
 }
 
@@ -111,7 +153,9 @@ NTSTATUS FLTAPI FolderMergeService_Message(PVOID PortCookie, PVOID InputBuffer, 
         break;
     case CONTROL_REQUEST_DIRTY_BLOCK_MAP:
     case CONTROL_REQUEST_DIRTY_BLOCK_COUNT:
-        // Dirty block tracking isn't part of this build: there is no map to report.
+        // The dirty block queries have no handler in this build: with an output buffer they are
+        // refused with STATUS_NOT_SUPPORTED and nothing is copied back; without one they fail as
+        // they always will, with STATUS_INVALID_PARAMETER and nothing allocated.
         status = pOutputCopy != nullptr ? STATUS_NOT_SUPPORTED : STATUS_INVALID_PARAMETER;
         break;
     default:

@@ -11,7 +11,9 @@ NTSTATUS CreateServicePort(PSECURITY_DESCRIPTOR pSecurityDescriptor);
 VOID CloseServicePort();
 
 // A connection with a context of exactly 4 bytes is the Thread port, any other the Config port. The
-// connecting process becomes the service process. Always STATUS_SUCCESS. IRQL: PASSIVE_LEVEL.
+// connecting process becomes the service process. One connection of each kind at a time: a second
+// one while the first stands is refused with STATUS_CONNECTION_REFUSED, and changes nothing.
+// IRQL: PASSIVE_LEVEL; takes g_ConfigLock for a moment.
 NTSTATUS FLTAPI FolderMergeService_Connect(PFLT_PORT ClientPort, PVOID ServerPortCookie, PVOID ConnectionContext,
                                           ULONG SizeOfContext, PVOID* ConnectionPortCookie);
 

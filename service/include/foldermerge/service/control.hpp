@@ -67,9 +67,12 @@ public:
     FilterConnection& operator=(const FilterConnection&) = delete;
 
     // The Thread port: a connection context of THREAD_PORT_CONTEXT_SIZE bytes. A Thread port that
-    // is connected already is disconnected first.
+    // is connected already is disconnected first. The filter takes one connection of each kind:
+    // while another Thread port stands (this service's or another's) it refuses this one with
+    // HRESULT_FROM_WIN32(ERROR_CONNECTION_REFUSED).
     HRESULT ConnectThreadPort();
-    // The Config port: no connection context.
+    // The Config port: no connection context. Refused as the Thread port is while another Config
+    // port stands.
     HRESULT ConnectConfigPort();
     // Both, the Thread port first, so that requests have a channel by the time the filter is
     // configured. On a failure neither stays connected.
