@@ -10,6 +10,7 @@
 #include "registration.h"
 #include "streamnames.h"
 #include "trace.h"
+#include "traceprovider.h"
 
 ServiceData g_ServiceData;
 volatile UCHAR g_PassThrough;
@@ -98,6 +99,9 @@ static VOID ReleaseFilter()
         FltUnregisterFilter(g_ServiceData.FilterHandle);
         g_ServiceData.FilterHandle = nullptr;
     }
+    // A start that failed after its port was made may have had tracing turned on; no message can
+    // come any more.
+    StopTracing();
     if (g_ConfigLock != nullptr) {
         (VOID) ClearConfiguration();
     }
@@ -191,8 +195,8 @@ NTSTATUS FLTAPI FolderMerge_Unload(FLT_FILTER_UNLOAD_FLAGS Flags)
     UNREFERENCED_PARAMETER(Flags);
     TRACE_INFO("FolderMerge_Unload");
 
-    // The trace provider, which the service registers by its tracing message, is unregistered
-    // here first; this build registers none.
+    // Tracing ends first, while the service may still be connected.
+    StopTracing();
 
     ReleaseFilter();
     return STATUS_SUCCESS;

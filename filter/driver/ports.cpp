@@ -7,6 +7,7 @@
 #include "ownedstring.h"
 #include "servicemessages.h"
 #include "trace.h"
+#include "traceprovider.h"
 
 // Connection cookies: the addresses of two words tell the client ports apart; the values are
 // never read.
@@ -147,10 +148,22 @@ NTSTATUS FLTAPI FolderMergeService_Message(PVOID PortCookie, PVOID InputBuffer, 
             g_PassThrough = 0;
         }
         break;
-    case CONTROL_SET_TRACING_ENABLED:
-        // The ETW provider isn't part of this build: tracing can't be turned on.
-        status = STATUS_NOT_SUPPORTED;
+    case CONTROL_SET_TRACING_ENABLED: {
+        // The handler reads a kernel copy: bEnable lies past the 8 bytes checked above.
+        SetTracingEnabledMessage message;
+        if (InputBufferLength < sizeof(SetTracingEnabledMessage)) {
+            status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        __try {
+            RtlCopyMemory(&message, InputBuffer, sizeof(message));
+        } __except (EXCEPTION_EXECUTE_HANDLER) {
+            status = GetExceptionCode();
+            break;
+        }
+        status = SetTracingEnabled(&message);
         break;
+    }
     case CONTROL_REQUEST_DIRTY_BLOCK_MAP:
     case CONTROL_REQUEST_DIRTY_BLOCK_COUNT:
         // The dirty block queries have no handler in this build: with an output buffer they are
