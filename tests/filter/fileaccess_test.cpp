@@ -1,28 +1,21 @@
 // Reaching files by path below the filter: their information and marker stream, setting their
 // times, the paths of their streams, and deleting them through the whole stack.
-#include <gtest/gtest.h>
+#include "filter_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
-#include <ntsim/sim/iomanager.hpp>
-#include <ntsim/sim/ntfs.hpp>
-#include <ntsim/sim/pool.hpp>
-#include <ntsim/sim/process.hpp>
-#include <ntsim/sim/text.hpp>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "driver/configuration.h"
 #include "driver/globals.h"
-#include "driver/lifecycle.h"
+#include "driver/mergefolders.h"
 #include "fileaccess.h"
 
+namespace foldermerge::testing {
 namespace {
 
 constexpr char16_t kVolume[] = u"\\Device\\HarddiskVolume2";
-constexpr char16_t kFilterName[] = u"FolderMerge";
 const std::u16string kMarker = reinterpret_cast<const char16_t*>(MARKER_STREAM_NAME);
 
 std::string Text(const UNICODE_STRING* string)
@@ -43,42 +36,18 @@ bool IsAllZero(const void* bytes, size_t size)
     return std::memcmp(bytes, zeros.data(), size) == 0;
 }
 
-// FolderMerge loaded over an NTFS volume mounted as C:.
-class FileAccessTest : public ::testing::Test {
+// FolderMerge loaded over C:, with its instance there as the helpers' target instance.
+class FileAccessTest : public LoadedFilter {
 protected:
     void SetUp() override
     {
-        volume_ = ntsim::CreateNtfsVolume(kVolume);
-        ASSERT_EQ(ntsim::MountVolume(volume_, u"C:"), STATUS_SUCCESS);
-        ASSERT_EQ(ntsim::LoadFilter(DriverEntry, {.name = kFilterName, .altitude = u"185200",
-                                                  .poolTags = {FOLDERMERGE_POOL_TAG}}),
-                  STATUS_SUCCESS);
-        instance_ = InstanceOnVolume();
-        ASSERT_NE(instance_, nullptr);
-    }
-
-    void TearDown() override
-    {
-        EXPECT_EQ(ntsim::UnloadFilter(kFilterName), STATUS_SUCCESS);
-        EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
-        EXPECT_EQ(ntsim::DismountVolume(kVolume), STATUS_SUCCESS);
-    }
-
-    static PFLT_INSTANCE InstanceOnVolume()
-    {
-        ntsim::UnicodeStringHolder name(kVolume);
-        PFLT_VOLUME volume = nullptr;
-        if (!NT_SUCCESS(FltGetVolumeFromName(g_ServiceData.FilterHandle, name.get(), &volume))) {
-            return nullptr;
+        LoadedFilter::SetUp();
+        if (HasFatalFailure()) {
+            return;
         }
-        PFLT_INSTANCE instance = nullptr;
-        NTSTATUS status = FltGetVolumeInstanceFromName(g_ServiceData.FilterHandle, volume, nullptr, &instance);
-        FltObjectDereference(volume);
-        if (!NT_SUCCESS(status)) {
-            return nullptr;
-        }
-        FltObjectDereference(instance);  // the instance lives as long as the filter is attached
-        return instance;
+        ntsim::UnicodeStringHolder root(DevicePath(u"\\"));
+        ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, root.get(), &instance_), STATUS_SUCCESS);
+        FltObjectDereference(instance_);  // the instance lives as long as the filter is attached
     }
 
     static std::u16string DevicePath(std::u16string_view volumePath) { return kVolume + std::u16string(volumePath); }
@@ -90,7 +59,6 @@ protected:
         return GetFileInformation(path.get(), g_ServiceData.FilterHandle, instance_, pBasic, pStandard, pbMarker);
     }
 
-    std::shared_ptr<ntsim::MemoryVolume> volume_;
     PFLT_INSTANCE instance_ = nullptr;
 };
 
@@ -181,8 +149,7 @@ TEST_F(FileAccessTest, NullOutsAreRefusedWithNothingTouched)
 TEST_F(FileAccessTest, FileHeldOpenWithoutSharingIsStillReadAndItsTimesSet)
 {
     volume_->SeedFile(u"\\Data\\locked.txt", "locked content");
-    auto owner = ntsim::CreateProcess({.userSid = u"S-1-5-21-1-2-3-1001"});
-    ntsim::AttachThread attach(owner);
+    ntsim::AttachThread attach(UserProcess(kAlice));
 
     ntsim::UnicodeStringHolder name(u"\\??\\C:\\Data\\locked.txt");
     OBJECT_ATTRIBUTES attributes;
@@ -309,19 +276,7 @@ TEST_F(FileAccessTest, DeleteGoesThroughTheFiltersOwnPreCreate)
     // under the service, which only the filter's pre-create knows.
     volume_->SeedDirectory(u"\\Data");
     volume_->SeedDirectory(u"\\Data\\empty");
-    std::vector<UCHAR> block(FIELD_OFFSET(MergeFolderBlock, Folders) + sizeof(MergeFolderRecord), 0);
-    auto* folders = reinterpret_cast<MergeFolderBlock*>(block.data());
-    folders->FolderCount = 1;
-    const std::u16string system = u"S-1-5-18";
-    const std::u16string folder = u"C:\\Data";
-    std::memcpy(folders->Folders[0].Sid, system.data(), system.size() * 2);
-    std::memcpy(folders->Folders[0].FolderPath, folder.data(), folder.size() * 2);
-    auto message = std::make_unique<SetConfigurationMessage>();
-    std::memset(message.get(), 0, sizeof(*message));
-    message->Code = CONTROL_SET_CONFIGURATION;
-    message->ConfigVersion = CONFIGURATION_MIN_VERSION;
-    message->pFolderBlock = reinterpret_cast<uint64_t>(block.data());
-    ASSERT_EQ(SetConfiguration(message.get()), STATUS_SUCCESS);
+    ASSERT_EQ(Configure({{u"S-1-5-18", u"C:\\Data"}}), STATUS_SUCCESS);
 
     ntsim::UnicodeStringHolder root(DevicePath(u"\\Data"));
     EXPECT_EQ(DeleteFile(root.get()), STATUS_ACCESS_DENIED);
@@ -335,3 +290,4 @@ TEST_F(FileAccessTest, DeleteGoesThroughTheFiltersOwnPreCreate)
 }
 
 }  // namespace
+}  // namespace foldermerge::testing
