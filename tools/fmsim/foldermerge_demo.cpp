@@ -286,34 +286,47 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         const std::u16string plan = u"\\??\\C:\\Merge\\Alice\\plan.txt";
         const std::u16string aliceFolder = u"\\??\\C:\\Merge\\Alice";
         const OpenRequest readPlan{plan, FILE_GENERIC_READ};
-        const std::vector<OpenCase> opens = {
-            {"Her own folder", aliceUser, readPlan, "reading", Verdict::OwnFolder, STATUS_SUCCESS, STATUS_SUCCESS},
-            {"Another user's folder", bobUser, readPlan, "reading", Verdict::OtherUsersFolder, STATUS_SUCCESS,
-             STATUS_SUCCESS},
-            {"A blacklisted process", aliceBackupUser, readPlan, "reading", Verdict::Blacklisted, STATUS_SUCCESS,
-             STATUS_SUCCESS},
-            {"A path outside every merge folder", aliceUser, {u"\\??\\C:\\Windows\\win.ini", FILE_GENERIC_READ},
-             "reading", Verdict::LeftAlone, STATUS_SUCCESS, STATUS_SUCCESS},
-            {"A file below a read-only folder is writable", aliceUser, {plan, FILE_GENERIC_WRITE}, "writing",
-             Verdict::OwnFolder, STATUS_SUCCESS, STATUS_SUCCESS},
-            {"The read-only folder's own path, for writing", aliceUser,
-             {aliceFolder, FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE}, "writing attributes", Verdict::RefusedReadOnly,
-             STATUS_ACCESS_DENIED, STATUS_SUCCESS},
-            {"Deleting a merge folder", bobUser,
-             {u"\\??\\C:\\Merge\\Bob", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE}, "delete on close",
-             Verdict::RefusedDelete, STATUS_ACCESS_DENIED, STATUS_SUCCESS},
-            {"Kernel mode, touching no content", aliceKernel, {aliceFolder, FILE_APPEND_DATA, FILE_DIRECTORY_FILE},
-             "appending", Verdict::KernelModeNoContent, STATUS_SUCCESS, STATUS_SUCCESS},
-            {"Kernel mode, touching content", aliceKernel,
-             {aliceFolder, FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE}, "writing attributes",
-             Verdict::RefusedReadOnly, STATUS_ACCESS_DENIED, STATUS_SUCCESS},
-            {"A share on another machine (ntsim's redirector serves 127.0.0.1 alone)", aliceUser,
-             {u"\\??\\UNC\\fileserver\\share\\Merge\\Alice\\plan.txt", FILE_GENERIC_READ}, "reading",
-             Verdict::LeftAlone, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH},
-            {"The service's own open, sharing nothing", serviceCaller, {plan, FILE_GENERIC_READ, 0, 0}, "reading",
-             Verdict::LeftAlone, STATUS_SUCCESS, STATUS_SHARING_VIOLATION, &aliceUser,
-             {plan, FILE_GENERIC_READ, 0, FILE_SHARE_READ}},
+        std::vector<OpenCase> opens;
+        auto add = [&](std::string title, const Caller& caller, OpenRequest request, std::string accessText,
+                       Verdict managedVerdict, NTSTATUS managedStatus, NTSTATUS passThroughStatus) -> OpenCase& {
+            OpenCase& open = opens.emplace_back();
+            open.title = std::move(title);
+            open.caller = caller;
+            open.request = std::move(request);
+            open.accessText = std::move(accessText);
+            open.managedVerdict = managedVerdict;
+            open.managedStatus = managedStatus;
+            open.passThroughStatus = passThroughStatus;
+            return open;
         };
+        add("Her own folder", aliceUser, readPlan, "reading", Verdict::OwnFolder, STATUS_SUCCESS, STATUS_SUCCESS);
+        add("Another user's folder", bobUser, readPlan, "reading", Verdict::OtherUsersFolder, STATUS_SUCCESS,
+            STATUS_SUCCESS);
+        add("A blacklisted process", aliceBackupUser, readPlan, "reading", Verdict::Blacklisted, STATUS_SUCCESS,
+            STATUS_SUCCESS);
+        add("A path outside every merge folder", aliceUser, {u"\\??\\C:\\Windows\\win.ini", FILE_GENERIC_READ},
+            "reading", Verdict::LeftAlone, STATUS_SUCCESS, STATUS_SUCCESS);
+        add("A file below a read-only folder is writable", aliceUser, {plan, FILE_GENERIC_WRITE}, "writing",
+            Verdict::OwnFolder, STATUS_SUCCESS, STATUS_SUCCESS);
+        const size_t readOnlyWrite = opens.size();
+        add("The read-only folder's own path, for writing", aliceUser,
+            {aliceFolder, FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE}, "writing attributes", Verdict::RefusedReadOnly,
+            STATUS_ACCESS_DENIED, STATUS_SUCCESS);
+        add("Deleting a merge folder", bobUser,
+            {u"\\??\\C:\\Merge\\Bob", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE}, "delete on close",
+            Verdict::RefusedDelete, STATUS_ACCESS_DENIED, STATUS_SUCCESS);
+        add("Kernel mode, touching no content", aliceKernel, {aliceFolder, FILE_APPEND_DATA, FILE_DIRECTORY_FILE},
+            "appending", Verdict::KernelModeNoContent, STATUS_SUCCESS, STATUS_SUCCESS);
+        add("Kernel mode, touching content", aliceKernel, {aliceFolder, FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE},
+            "writing attributes", Verdict::RefusedReadOnly, STATUS_ACCESS_DENIED, STATUS_SUCCESS);
+        add("A share on another machine (ntsim's redirector serves 127.0.0.1 alone)", aliceUser,
+            {u"\\??\\UNC\\fileserver\\share\\Merge\\Alice\\plan.txt", FILE_GENERIC_READ}, "reading",
+            Verdict::LeftAlone, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH);
+        OpenCase& serviceOpen = add("The service's own open, sharing nothing", serviceCaller,
+                                    {plan, FILE_GENERIC_READ, 0, 0}, "reading", Verdict::LeftAlone, STATUS_SUCCESS,
+                                    STATUS_SHARING_VIOLATION);
+        serviceOpen.holder = &aliceUser;
+        serviceOpen.held = {plan, FILE_GENERIC_READ, 0, FILE_SHARE_READ};
         auto bobFolderState = [&] {
             const size_t entries = system->List(u"\\Merge\\Bob").size();
             return system->Exists(u"\\Merge\\Bob") ? "present, " + std::to_string(entries) + " entry"
@@ -352,7 +365,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         expect.Line("  ", "g_PassThrough: ", std::to_string(g_PassThrough), "0");
         out << "\n";
         scene.Run(opens[0], false);
-        scene.Run(opens[5], false);
+        scene.Run(opens[readOnlyWrite], false);
 
         // ---- the service leaves ----
         scene.Heading("The service leaves");
