@@ -19,7 +19,10 @@ namespace {
 class FilterTracing : public TracedFilter {
 protected:
     // Counts the calls that reach EtwWrite from now on: each one is failed and counted.
-    static void CountEtwWrites() { ntsim::faults::FailRoutine("EtwWrite", STATUS_UNSUCCESSFUL, ntsim::faults::Persistence::Persistent); }
+    static void CountEtwWrites()
+    {
+        ntsim::faults::FailRoutine("EtwWrite", STATUS_UNSUCCESSFUL, ntsim::faults::Persistence::Persistent);
+    }
 
     // One trace of each level, from this test.
     static void TraceEachLevel()
@@ -52,7 +55,8 @@ TEST_F(FilterTracing, TheServiceTurnsTracingOnAndOffWithControlMessageTwo)
     HANDLE port = nullptr;
     ASSERT_EQ(FilterConnectCommunicationPort(FOLDERMERGE_PORT_NAME, 0, nullptr, 0, nullptr, &port), S_OK);
     auto send = [&](UCHAR enable, DWORD size) {
-        auto* message = static_cast<SetTracingEnabledMessage*>(HeapAlloc(GetProcessHeap(), 0, sizeof(SetTracingEnabledMessage)));
+        auto* message = static_cast<SetTracingEnabledMessage*>(
+            HeapAlloc(GetProcessHeap(), 0, sizeof(SetTracingEnabledMessage)));
         *message = {CONTROL_SET_TRACING_ENABLED, 0xFFFFFFFF, enable};
         DWORD returned = 0;
         HRESULT hr = FilterSendMessage(port, message, size, nullptr, 0, &returned);
@@ -160,7 +164,8 @@ TEST_F(FilterTracing, TheGateFollowsTheSessionsLevelAndKeywords)
         EXPECT_EQ(Levels(), test.levels) << "level " << int(test.session.level) << ", any 0x" << std::hex
                                          << test.session.matchAnyKeyword << ", all 0x" << test.session.matchAllKeyword;
         std::vector<UCHAR> admitted;
-        for (PCEVENT_DESCRIPTOR descriptor : {&TRACE_DESCRIPTOR_INFO, &TRACE_DESCRIPTOR_WARNING, &TRACE_DESCRIPTOR_ERROR}) {
+        for (PCEVENT_DESCRIPTOR descriptor :
+             {&TRACE_DESCRIPTOR_INFO, &TRACE_DESCRIPTOR_WARNING, &TRACE_DESCRIPTOR_ERROR}) {
             if (IsTraceEnabled(descriptor)) {
                 admitted.push_back(descriptor->Level);
             }
