@@ -1,6 +1,6 @@
 // Reaching files by path below the filter: their information and marker stream, setting their
 // times, the paths of their streams, and deleting them through the whole stack.
-#include "filter_fixture.hpp"
+#include "instance_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
 
@@ -8,14 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "driver/globals.h"
-#include "driver/mergefolders.h"
 #include "fileaccess.h"
 
 namespace foldermerge::testing {
 namespace {
 
-constexpr char16_t kVolume[] = u"\\Device\\HarddiskVolume2";
 const std::u16string kMarker = reinterpret_cast<const char16_t*>(MARKER_STREAM_NAME);
 
 std::string Text(const UNICODE_STRING* string)
@@ -36,20 +33,8 @@ bool IsAllZero(const void* bytes, size_t size)
     return std::memcmp(bytes, zeros.data(), size) == 0;
 }
 
-// FolderMerge loaded over C:, with its instance there as the helpers' target instance.
-class FileAccessTest : public LoadedFilter {
+class FileAccessTest : public LoadedFilterOnVolume {
 protected:
-    void SetUp() override
-    {
-        LoadedFilter::SetUp();
-        if (HasFatalFailure()) {
-            return;
-        }
-        ntsim::UnicodeStringHolder root(DevicePath(u"\\"));
-        ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, root.get(), &instance_), STATUS_SUCCESS);
-        FltObjectDereference(instance_);  // the instance lives as long as the filter is attached
-    }
-
     static std::u16string DevicePath(std::u16string_view volumePath) { return kVolume + std::u16string(volumePath); }
 
     NTSTATUS Get(std::u16string_view volumePath, FILE_BASIC_INFORMATION* pBasic, FILE_STANDARD_INFORMATION* pStandard,
@@ -58,8 +43,6 @@ protected:
         ntsim::UnicodeStringHolder path(DevicePath(volumePath));
         return GetFileInformation(path.get(), g_ServiceData.FilterHandle, instance_, pBasic, pStandard, pbMarker);
     }
-
-    PFLT_INSTANCE instance_ = nullptr;
 };
 
 // ---- GetFileInformation ----
@@ -159,10 +142,7 @@ TEST_F(FileAccessTest, FileHeldOpenWithoutSharingIsStillReadAndItsTimesSet)
     ASSERT_EQ(NtCreateFile(&exclusive, FILE_GENERIC_READ | FILE_GENERIC_WRITE, &attributes, &ioStatus, nullptr, 0, 0,
                            FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
               STATUS_SUCCESS);
-    HANDLE other = nullptr;
-    EXPECT_EQ(NtCreateFile(&other, FILE_READ_DATA, &attributes, &ioStatus, nullptr, 0,
-                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN, 0, nullptr, 0),
-              STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(OpenAndClose(u"\\??\\C:\\Data\\locked.txt", FILE_READ_DATA).status, STATUS_SHARING_VIOLATION);
 
     FILE_BASIC_INFORMATION basic;
     FILE_STANDARD_INFORMATION standard;

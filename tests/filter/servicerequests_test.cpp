@@ -1,7 +1,7 @@
 // The request frame and its transport, in the FolderMerge driver: messages as the service receives
 // them, byte for byte; the SID test; and how a result is judged when the Thread port goes away, the
 // service never answers, the thread is being terminated, or the service refuses.
-#include "filter_fixture.hpp"
+#include "instance_fixture.hpp"
 
 #include <foldermerge/service/responder.hpp>
 
@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/mergefolders.h"
 #include "fileaccess.h"
 #include "servicerequests.h"
 
@@ -24,13 +23,19 @@ namespace {
 using service::ResponderAction;
 using service::ScriptedResponder;
 
-constexpr char16_t kVolume[] = u"\\Device\\HarddiskVolume2";
 constexpr char16_t kSid[] = u"S-1-5-21-1004336348-1177238915-682003330-1001";
 
-// The bytes a message should have, written at the offsets of the wire table.
+// The bytes a message should have, written at the offsets of the wire table: its code, the
+// current process and thread, and its length; the rest as a test puts it.
 class Image {
 public:
-    explicit Image(size_t size) : bytes_(size, 0) {}
+    Image(uint32_t code, size_t size) : bytes_(size, 0)
+    {
+        Put<uint32_t>(0, code);
+        Put<uint64_t>(8, (uint64_t)(ULONG_PTR)PsGetCurrentProcessId());
+        Put<uint64_t>(16, (uint64_t)(ULONG_PTR)PsGetCurrentThreadId());
+        Put<uint32_t>(24, (uint32_t)size);
+    }
 
     template <typename T>
     void Put(size_t offset, T value)
@@ -73,20 +78,8 @@ struct Outcome {
     std::vector<uint8_t> reply;
 };
 
-class ServiceRequestTest : public LoadedFilter {
+class ServiceRequestTest : public LoadedFilterOnVolume {
 protected:
-    void SetUp() override
-    {
-        LoadedFilter::SetUp();
-        if (HasFatalFailure()) {
-            return;
-        }
-        // The driver's own instance on C: is the target instance of the requests' file opens.
-        ntsim::UnicodeStringHolder root(std::u16string(kVolume) + u"\\");
-        ASSERT_EQ(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, root.get(), &instance_), STATUS_SUCCESS);
-        FltObjectDereference(instance_);  // the instance lives as long as the driver is attached
-    }
-
     // Begins a request, sends it once, takes what the caller may read, and ends it.
     static Outcome Send(ULONG ulCode, PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, ULONG ulReplyLength,
                         PCUNICODE_STRING pSecond = nullptr)
@@ -121,8 +114,6 @@ protected:
         return FLT_RELATED_OBJECTS{sizeof(FLT_RELATED_OBJECTS), 0, g_ServiceData.FilterHandle, nullptr, instance_,
                                    nullptr, nullptr};
     }
-
-    PFLT_INSTANCE instance_ = nullptr;
 };
 
 // ---- layouts ----
@@ -154,11 +145,7 @@ TEST_F(ServiceRequestTest, UploadWithoutSignatureIsTheHeadThePathAndNothingElse)
     EndServiceRequest(&request);
 
     const size_t pathBytes = path.size() * 2;
-    Image expected(2088 + pathBytes);
-    expected.Put<uint32_t>(0, 4);
-    expected.Put<uint64_t>(8, (uint64_t)(ULONG_PTR)PsGetCurrentProcessId());
-    expected.Put<uint64_t>(16, (uint64_t)(ULONG_PTR)PsGetCurrentThreadId());
-    expected.Put<uint32_t>(24, (uint32_t)(2088 + pathBytes));
+    Image expected(4, 2088 + pathBytes);
     expected.PutText(32, kSid);
     expected.Put<uint32_t>(556, (uint32_t)pathBytes);
     // 560: SecondStringLength stays 0 without a signature name.
@@ -206,11 +193,7 @@ TEST_F(ServiceRequestTest, RenameCarriesTheNewPathDirectlyBehindTheOldOne)
     EXPECT_EQ(SendServiceRequest(&request, SERVICE_REPLY_LENGTH_OBJECT_RENAME), STATUS_SUCCESS);
     EndServiceRequest(&request);
 
-    Image expected(2172);
-    expected.Put<uint32_t>(0, 8);
-    expected.Put<uint64_t>(8, (uint64_t)(ULONG_PTR)PsGetCurrentProcessId());
-    expected.Put<uint64_t>(16, (uint64_t)(ULONG_PTR)PsGetCurrentThreadId());
-    expected.Put<uint32_t>(24, 2172);
+    Image expected(8, 2172);
     expected.PutText(32, kSid);
     expected.Put<uint32_t>(556, 40);
     expected.Put<uint32_t>(560, 44);
@@ -244,11 +227,7 @@ TEST_F(ServiceRequestTest, DirectoryContentsIsTheBareHeadWithTheListingInTheSidF
     EXPECT_EQ(std::vector<UCHAR>(listing, listing + 4), (std::vector<UCHAR>{1, 2, 3, 0}));
     EndServiceRequest(&request);
 
-    Image expected(2088);
-    expected.Put<uint32_t>(0, 6);
-    expected.Put<uint64_t>(8, (uint64_t)(ULONG_PTR)PsGetCurrentProcessId());
-    expected.Put<uint64_t>(16, (uint64_t)(ULONG_PTR)PsGetCurrentThreadId());
-    expected.Put<uint32_t>(24, 2088);
+    Image expected(6, 2088);
     expected.Put<uint64_t>(32, 0x1122334455667788ull);
     expected.Put<uint32_t>(40, 300);
 
