@@ -3,9 +3,11 @@
 // collects the events that EtwWrite hands it, and decodes them into text lines.
 //
 // The ETW routines (EtwRegister, EtwUnregister, EtwWrite) are exported to MmGetSystemRoutineAddress
-// when the ETW component starts: at program start-up in every program that links it, which any
-// program that uses this header does. InstallSystemRoutines() does the same on demand and may be
-// called any number of times; a test that wants a system without ETW hides the routines
+// by a static initializer of the unit that defines them, before main. ntsim is a static library, so
+// that unit is in a program only if the program uses it: every program that makes a Session or
+// calls the routines directly has it; one that only loads a driver which looks the routines up by
+// name doesn't, and is a system without ETW, unless something calls InstallSystemRoutines(). That
+// call may come any number of times. A test that wants a system without ETW hides the routines
 // (ntsim::ScopedHiddenSystemRoutine).
 #pragma once
 
