@@ -12,6 +12,11 @@ std::string Hex(ULONG value)
     return text;
 }
 
+std::string HresultName(HRESULT result)
+{
+    return result == 0 ? "S_OK" : Hex(static_cast<ULONG>(result));
+}
+
 std::string MajorName(UCHAR major)
 {
     switch (major) {

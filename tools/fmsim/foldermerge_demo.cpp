@@ -7,8 +7,10 @@
 //
 // Every result printed is one the run produced. Each is compared with what the filter should give;
 // any difference is marked on its line and the scene exits with 1.
+#include "demo_requests.hpp"
 #include "demo_service.hpp"
 #include "describe.hpp"
+#include "expectations.hpp"
 #include "gate_opens.hpp"
 #include "gate_traces.hpp"
 #include "scenes.hpp"
@@ -44,35 +46,6 @@ constexpr char16_t kFilterName[] = u"FolderMerge";
 constexpr char16_t kAltitude[] = u"185200";  // the INF's instance altitude
 constexpr char16_t kAliceSid[] = u"S-1-5-21-1004336348-1177238915-682003330-1001";
 constexpr char16_t kBobSid[] = u"S-1-5-21-1004336348-1177238915-682003330-1002";
-
-std::string HresultText(HRESULT result)
-{
-    return result == S_OK ? "S_OK" : Hex(static_cast<ULONG>(result));
-}
-
-// Counts what differs from the expected outcome and marks it where it is printed.
-class Expectations {
-public:
-    explicit Expectations(std::ostream& out) : out_(out) {}
-
-    // Prints "label: actual" and, when actual differs from expected, a mark naming what was due.
-    void Line(const std::string& indent, const std::string& label, const std::string& actual,
-              const std::string& expected)
-    {
-        out_ << indent << label << actual;
-        if (actual != expected) {
-            out_ << "   <-- expected " << expected;
-            failures_++;
-        }
-        out_ << "\n";
-    }
-
-    int failures() const { return failures_; }
-
-private:
-    std::ostream& out_;
-    int failures_ = 0;
-};
 
 void PrintTraces(std::ostream& out, const std::vector<gate::TraceLine>& lines, const char* indent = "      ")
 {
@@ -247,13 +220,13 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
             << reinterpret_cast<uintptr_t>(service.process()->Id()) << ", " << ntsim::ToUtf8(DemoService::kSid)
             << "\n";
         expect.Line("  ", "Thread port (4-byte context): ",
-                    HresultText(service.Run([](auto& connection) { return connection.ConnectThreadPort(); })), "S_OK");
+                    HresultName(service.Run([](auto& connection) { return connection.ConnectThreadPort(); })), "S_OK");
         expect.Line("  ", "Config port (no context):     ",
-                    HresultText(service.Run([](auto& connection) { return connection.ConnectConfigPort(); })), "S_OK");
+                    HresultName(service.Run([](auto& connection) { return connection.ConnectConfigPort(); })), "S_OK");
         expect.Line("  ", "connections on " + ntsim::ToUtf8(portName) + ": ",
                     std::to_string(ntsim::ports::ConnectionCount(portName)), "2");
         expect.Line("  ", "SetTracingEnabled: ",
-                    HresultText(service.Run([](auto& connection) { return connection.SetTracingEnabled(true); })),
+                    HresultName(service.Run([](auto& connection) { return connection.SetTracingEnabled(true); })),
                     "S_OK");
         scene.Traces(traces.Take());
 
@@ -265,7 +238,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         }
         out << "    blacklist: backup.exe\n";
         expect.Line("  ", "  -> ",
-                    HresultText(service.Run(
+                    HresultName(service.Run(
                         [&](auto& connection) { return connection.SetConfiguration(configuration); })),
                     "S_OK");
         scene.Traces(traces.Take());
@@ -356,9 +329,9 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         // ---- the next configuration ----
         scene.Heading("The service reconnects its Config port and configures again: pass-through mode ends");
         expect.Line("  ", "Config port: ",
-                    HresultText(service.Run([](auto& connection) { return connection.ConnectConfigPort(); })), "S_OK");
+                    HresultName(service.Run([](auto& connection) { return connection.ConnectConfigPort(); })), "S_OK");
         expect.Line("  ", "SetConfiguration: ",
-                    HresultText(service.Run(
+                    HresultName(service.Run(
                         [&](auto& connection) { return connection.SetConfiguration(configuration); })),
                     "S_OK");
         scene.Traces(traces.Take());
@@ -366,6 +339,19 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         out << "\n";
         scene.Run(opens[0], false);
         scene.Run(opens[readOnlyWrite], false);
+
+        // ---- requests ----
+        scene.Heading("The driver's requests cross the Thread port to a service, and its replies come back");
+        service.Run([](auto& connection) { connection.DisconnectThreadPort(); });
+        out << "  the service closes its Thread port and a scripted service takes its place\n";
+        scene.Traces(traces.Take());
+        ShowServiceRequests(out, expect,
+                            {.requester = alice,
+                             .sid = kAliceSid,
+                             .folderDevicePath = std::u16string(kSystemVolume) + u"\\Merge\\Alice",
+                             .fileDevicePath = std::u16string(kSystemVolume) + u"\\Merge\\Alice\\plan.txt",
+                             .fileSize = system->Content(u"\\Merge\\Alice\\plan.txt").value_or("").size()},
+                            [&] { scene.Traces(traces.Take()); });
 
         // ---- the service leaves ----
         scene.Heading("The service leaves");
