@@ -8,7 +8,6 @@
 // Every result printed is one the run produced. Each is compared with what the filter should give;
 // any difference is marked on its line and the scene exits with 1.
 #include "demo_requests.hpp"
-#include "demo_service.hpp"
 #include "describe.hpp"
 #include "expectations.hpp"
 #include "gate_opens.hpp"
@@ -27,6 +26,9 @@
 #include "driver/lifecycle.h"
 #include "driver/ownedstring.h"
 
+#include "../../service/simulated_service.hpp"
+
+#include <algorithm>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -44,8 +46,6 @@ constexpr char16_t kSystemVolume[] = u"\\Device\\HarddiskVolume2";
 constexpr char16_t kFatVolume[] = u"\\Device\\HarddiskVolume3";
 constexpr char16_t kFilterName[] = u"FolderMerge";
 constexpr char16_t kAltitude[] = u"185200";  // the INF's instance altitude
-constexpr char16_t kAliceSid[] = u"S-1-5-21-1004336348-1177238915-682003330-1001";
-constexpr char16_t kBobSid[] = u"S-1-5-21-1004336348-1177238915-682003330-1002";
 
 void PrintTraces(std::ostream& out, const std::vector<gate::TraceLine>& lines, const char* indent = "      ")
 {
@@ -125,6 +125,7 @@ public:
         const Verdict verdict = gate::Judge(open.request, result, Messages(lines));
         expect_.Line("      ", "gate    ", gate::VerdictName(verdict),
                      gate::VerdictName(passThrough ? Verdict::LeftAlone : open.managedVerdict));
+        out_ << "\n";
     }
 
     void Traces(const std::vector<gate::TraceLine>& lines) { PrintTraces(out_, lines, "    "); }
@@ -153,12 +154,14 @@ NTSTATUS FindInstance(std::u16string_view volumeName)
     return status;
 }
 
-foldermerge::service::Configuration DemoConfiguration()
+// "C:\\Users\\alice\\Velmora" as a path on the volume ("\\Users\\alice\\Velmora"), and as an NT path.
+std::u16string OnVolume(const std::u16string& drivePath)
 {
-    foldermerge::service::Configuration configuration;
-    configuration.folders = {{kAliceSid, u"C:\\Merge\\Alice", true}, {kBobSid, u"C:\\Merge\\Bob", false}};
-    configuration.blacklist = {u"backup.exe"};
-    return configuration;
+    return drivePath.substr(2);
+}
+std::u16string NtPath(const std::u16string& drivePath)
+{
+    return u"\\??\\" + drivePath;
 }
 
 }  // namespace
@@ -170,9 +173,24 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         return 2;
     }
 
+    // The service's configuration: alice's folder read-only at its root, bob's writable, and a
+    // blacklist with backup.exe.
+    const foldermerge::service::Configuration configuration = foldermerge::service::DemoConfiguration();
+    const auto& blacklist = configuration.blacklist;
+    if (configuration.folders.size() != 2 || !configuration.folders[0].readOnly || configuration.folders[1].readOnly ||
+        std::find(blacklist.begin(), blacklist.end(), u"backup.exe") == blacklist.end()) {
+        out << "fmsim: the service's demonstration configuration is not the one this scene is written for\n";
+        return 1;
+    }
+    const std::u16string& aliceSid = configuration.folders[0].sid;
+    const std::u16string& bobSid = configuration.folders[1].sid;
+    const std::u16string aliceFolder = configuration.folders[0].path;  // C:\Users\alice\Velmora
+    const std::u16string bobFolder = configuration.folders[1].path;
+    const std::u16string alicePlan = aliceFolder + u"\\plan.txt";
+
     auto system = ntsim::CreateNtfsVolume(kSystemVolume);
-    system->SeedFile(u"\\Merge\\Alice\\plan.txt", "alice's plan");
-    system->SeedFile(u"\\Merge\\Bob\\notes.txt", "bob's notes");
+    system->SeedFile(OnVolume(alicePlan), "alice's plan");
+    system->SeedFile(OnVolume(bobFolder) + u"\\notes.txt", "bob's notes");
     system->SeedFile(u"\\Windows\\win.ini", "[fonts]\r\n");
     auto fat = ntsim::CreateFatVolume(kFatVolume);
     fat->SeedFile(u"\\photo.jpg", "jpeg");
@@ -214,13 +232,13 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
     // ---- the service connects and configures ----
     const std::u16string portName(reinterpret_cast<const char16_t*>(FOLDERMERGE_PORT_NAME));
     {
-        DemoService service;
+        foldermerge::service::SimulatedService service;
         scene.Heading("The service connects both ports, turns tracing on and configures the filter");
-        out << "  " << ntsim::ToUtf8(DemoService::kImage) << ", pid "
-            << reinterpret_cast<uintptr_t>(service.process()->Id()) << ", " << ntsim::ToUtf8(DemoService::kSid)
-            << "\n";
-        expect.Line("  ", "Thread port (4-byte context): ",
-                    HresultName(service.Run([](auto& connection) { return connection.ConnectThreadPort(); })), "S_OK");
+        out << "  " << ntsim::ToUtf8(service.process()->ImageFileName()) << ", pid "
+            << reinterpret_cast<uintptr_t>(service.process()->Id()) << ", "
+            << ntsim::ToUtf8(foldermerge::service::SimulatedServiceOptions{}.userSid) << "\n";
+        expect.Line("  ", "Thread port (4-byte context), answering requests: ", HresultName(service.ConnectThreadPort()),
+                    "S_OK");
         expect.Line("  ", "Config port (no context):     ",
                     HresultName(service.Run([](auto& connection) { return connection.ConnectConfigPort(); })), "S_OK");
         expect.Line("  ", "connections on " + ntsim::ToUtf8(portName) + ": ",
@@ -230,13 +248,16 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
                     "S_OK");
         scene.Traces(traces.Take());
 
-        const foldermerge::service::Configuration configuration = DemoConfiguration();
         out << "  SetConfiguration:\n";
         for (const auto& folder : configuration.folders) {
             out << "    " << ntsim::ToUtf8(folder.sid) << "  " << ntsim::ToUtf8(folder.path)
                 << (folder.readOnly ? "  read-only" : "") << "\n";
         }
-        out << "    blacklist: backup.exe\n";
+        out << "    blacklist:";
+        for (const std::u16string& image : blacklist) {
+            out << " " << ntsim::ToUtf8(image);
+        }
+        out << "\n";
         expect.Line("  ", "  -> ",
                     HresultName(service.Run(
                         [&](auto& connection) { return connection.SetConfiguration(configuration); })),
@@ -245,19 +266,18 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
 
         // ---- opens ----
         auto alice = ntsim::CreateProcess(
-            {.imageFileName = u"\\Device\\HarddiskVolume2\\Windows\\explorer.exe", .userSid = kAliceSid});
+            {.imageFileName = u"\\Device\\HarddiskVolume2\\Windows\\explorer.exe", .userSid = aliceSid});
         auto aliceBackup = ntsim::CreateProcess(
-            {.imageFileName = u"\\Device\\HarddiskVolume2\\Program Files\\Backup\\backup.exe", .userSid = kAliceSid});
+            {.imageFileName = u"\\Device\\HarddiskVolume2\\Program Files\\Backup\\backup.exe", .userSid = aliceSid});
         auto bob = ntsim::CreateProcess(
-            {.imageFileName = u"\\Device\\HarddiskVolume2\\Windows\\explorer.exe", .userSid = kBobSid});
+            {.imageFileName = u"\\Device\\HarddiskVolume2\\Windows\\explorer.exe", .userSid = bobSid});
         const Caller aliceUser{"alice", alice, UserMode};
         const Caller aliceKernel{"alice", alice, KernelMode};
         const Caller aliceBackupUser{"alice", aliceBackup, UserMode};
         const Caller bobUser{"bob", bob, UserMode};
         const Caller serviceCaller{"the service", service.process(), UserMode};
 
-        const std::u16string plan = u"\\??\\C:\\Merge\\Alice\\plan.txt";
-        const std::u16string aliceFolder = u"\\??\\C:\\Merge\\Alice";
+        const std::u16string plan = NtPath(alicePlan);
         const OpenRequest readPlan{plan, FILE_GENERIC_READ};
         std::vector<OpenCase> opens;
         auto add = [&](std::string title, const Caller& caller, OpenRequest request, std::string accessText,
@@ -283,17 +303,17 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
             Verdict::OwnFolder, STATUS_SUCCESS, STATUS_SUCCESS);
         const size_t readOnlyWrite = opens.size();
         add("The read-only folder's own path, for writing", aliceUser,
-            {aliceFolder, FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE}, "writing attributes", Verdict::RefusedReadOnly,
+            {NtPath(aliceFolder), FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE}, "writing attributes", Verdict::RefusedReadOnly,
             STATUS_ACCESS_DENIED, STATUS_SUCCESS);
         add("Deleting a merge folder", bobUser,
-            {u"\\??\\C:\\Merge\\Bob", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE}, "delete on close",
+            {NtPath(bobFolder), DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE}, "delete on close",
             Verdict::RefusedDelete, STATUS_ACCESS_DENIED, STATUS_SUCCESS);
-        add("Kernel mode, touching no content", aliceKernel, {aliceFolder, FILE_APPEND_DATA, FILE_DIRECTORY_FILE},
+        add("Kernel mode, touching no content", aliceKernel, {NtPath(aliceFolder), FILE_APPEND_DATA, FILE_DIRECTORY_FILE},
             "appending", Verdict::KernelModeNoContent, STATUS_SUCCESS, STATUS_SUCCESS);
-        add("Kernel mode, touching content", aliceKernel, {aliceFolder, FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE},
+        add("Kernel mode, touching content", aliceKernel, {NtPath(aliceFolder), FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE},
             "writing attributes", Verdict::RefusedReadOnly, STATUS_ACCESS_DENIED, STATUS_SUCCESS);
         add("A share on another machine (ntsim's redirector serves 127.0.0.1 alone)", aliceUser,
-            {u"\\??\\UNC\\fileserver\\share\\Merge\\Alice\\plan.txt", FILE_GENERIC_READ}, "reading",
+            {u"\\??\\UNC\\fileserver\\share" + OnVolume(alicePlan), FILE_GENERIC_READ}, "reading",
             Verdict::LeftAlone, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH);
         OpenCase& serviceOpen = add("The service's own open, sharing nothing", serviceCaller,
                                     {plan, FILE_GENERIC_READ, 0, 0}, "reading", Verdict::LeftAlone, STATUS_SUCCESS,
@@ -301,8 +321,8 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         serviceOpen.holder = &aliceUser;
         serviceOpen.held = {plan, FILE_GENERIC_READ, 0, FILE_SHARE_READ};
         auto bobFolderState = [&] {
-            const size_t entries = system->List(u"\\Merge\\Bob").size();
-            return system->Exists(u"\\Merge\\Bob") ? "present, " + std::to_string(entries) + " entry"
+            const size_t entries = system->List(OnVolume(bobFolder)).size();
+            return system->Exists(OnVolume(bobFolder)) ? "present, " + std::to_string(entries) + " entry"
                                                    : std::string("gone");
         };
 
@@ -310,7 +330,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         for (const OpenCase& open : opens) {
             scene.Run(open, false);
         }
-        expect.Line("  ", "C:\\Merge\\Bob: ", bobFolderState(), "present, 1 entry");
+        expect.Line("  ", ntsim::ToUtf8(bobFolder) + ": ", bobFolderState(), "present, 1 entry");
 
         // ---- pass-through ----
         scene.Heading("The Config port goes: pass-through mode");
@@ -323,7 +343,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         for (const OpenCase& open : opens) {
             scene.Run(open, true);
         }
-        expect.Line("  ", "C:\\Merge\\Bob (NTFS keeps a directory that isn't empty): ", bobFolderState(),
+        expect.Line("  ", ntsim::ToUtf8(bobFolder) + " (NTFS keeps a directory that isn't empty): ", bobFolderState(),
                     "present, 1 entry");
 
         // ---- the next configuration ----
@@ -347,16 +367,16 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
         scene.Traces(traces.Take());
         ShowServiceRequests(out, expect,
                             {.requester = alice,
-                             .sid = kAliceSid,
-                             .folderDevicePath = std::u16string(kSystemVolume) + u"\\Merge\\Alice",
-                             .fileDevicePath = std::u16string(kSystemVolume) + u"\\Merge\\Alice\\plan.txt",
-                             .fileSize = system->Content(u"\\Merge\\Alice\\plan.txt").value_or("").size()},
+                             .sid = aliceSid,
+                             .folderDevicePath = kSystemVolume + OnVolume(aliceFolder),
+                             .fileDevicePath = kSystemVolume + OnVolume(alicePlan),
+                             .fileSize = system->Content(OnVolume(alicePlan)).value_or("").size()},
                             [&] { scene.Traces(traces.Take()); });
 
         // ---- the service leaves ----
         scene.Heading("The service leaves");
         service.Run([](auto& connection) { connection.SetTracingEnabled(false); });
-        service.Run([](auto& connection) { connection.Disconnect(); });
+        service.Leave();
         scene.Traces(traces.Take());
         expect.Line("  ", "connections on " + ntsim::ToUtf8(portName) + ": ",
                     std::to_string(ntsim::ports::ConnectionCount(portName)), "0");

@@ -3,6 +3,8 @@
 
 #include <ntsim/sim/etw.hpp>
 
+#include "trace.h"
+
 #include <algorithm>
 #include <iterator>
 
@@ -10,14 +12,11 @@ namespace fmsim::gate {
 
 namespace {
 
-// The filter's provider, and what its events carry: source file, line, function, a reserved u32,
-// module name and message.
-constexpr GUID kProvider = {0x749213BC, 0x94DA, 0x4C80, {0x9E, 0xE2, 0x22, 0x82, 0x51, 0x91, 0xBF, 0x51}};
+// What the filter's events carry (TRACE_EVENT_LAYOUT): source file, line, function, a reserved
+// u32, module name and message.
 constexpr size_t kFunctionField = 2;
 constexpr size_t kMessageField = 5;
-constexpr size_t kFieldCount = 6;
-constexpr UCHAR kLevelInformation = 4;
-constexpr ULONGLONG kKeyword = 0x8000000000000000ull;
+constexpr size_t kFieldCount = sizeof(TRACE_EVENT_LAYOUT) - 1;
 
 bool SameGuid(const GUID& left, const GUID& right)
 {
@@ -43,7 +42,10 @@ struct GateTraces::Session {
 
 GateTraces::GateTraces() : session_(std::make_unique<Session>())
 {
-    session_->session.EnableProvider(kProvider, {.level = kLevelInformation, .matchAnyKeyword = kKeyword});
+    // Informational level and up, and the one keyword every event of the filter carries.
+    session_->session.EnableProvider(
+        TRACE_PROVIDER_GUID,
+        {.level = TRACE_DESCRIPTOR_INFO.Level, .matchAnyKeyword = TRACE_DESCRIPTOR_INFO.Keyword});
 }
 
 GateTraces::~GateTraces() = default;
@@ -52,7 +54,7 @@ std::vector<TraceLine> GateTraces::Take()
 {
     std::vector<TraceLine> lines;
     for (const ntsim::etw::EventRecord& event : session_->session.TakeEvents()) {
-        if (!SameGuid(event.provider, kProvider)) {
+        if (!SameGuid(event.provider, TRACE_PROVIDER_GUID)) {
             continue;
         }
         TraceLine line;
