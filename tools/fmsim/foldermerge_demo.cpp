@@ -2,8 +2,9 @@
 // the filter loaded over them; a service that connects both ports, turns tracing on and configures
 // two users' folders and a blacklist; opens by users, processes and modes, each with what its
 // caller got, the gate's trace lines for it and the verdict read from the two; the Config port's
-// departure and the same opens in pass-through mode; the next configuration; the service's
-// departure; and the unload, with the pool accounting of the filter's tag.
+// departure and the same opens in pass-through mode; the next configuration; the driver's requests
+// crossing the Thread port to a scripted service and its replies; the service's departure; and the
+// unload, with the pool accounting of the filter's tag.
 //
 // Every result printed is one the run produced. Each is compared with what the filter should give;
 // any difference is marked on its line and the scene exits with 1.

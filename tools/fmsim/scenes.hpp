@@ -24,7 +24,8 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out);
 
 inline constexpr Scene kScenes[] = {
     {"demo",
-     "FolderMerge on ntsim: a service configures it, the gate judges opens, pass-through mode, unload",
+     "FolderMerge on ntsim: a service configures it, the gate judges opens, pass-through mode, requests "
+     "to the service, unload",
      FolderMergeDemo},
     {"platform-demo",
      "a logging filter on ntsim watches a user process create, write, list, rename and close files on C:",
