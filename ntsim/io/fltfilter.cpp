@@ -2,6 +2,7 @@
 // the small routines a filter calls on its callback data and for its port's security.
 #include "iomgr.hpp"
 
+#include <ntsim/sim/etw.hpp>
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/ports.hpp>
 #include <ntsim/sim/text.hpp>
@@ -92,6 +93,9 @@ NTSTATUS LoadFilter(PDRIVER_INITIALIZE driverEntry, const FilterLoadOptions& opt
     if (driverEntry == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
+    // A driver finds the system's ETW routines by name, as on Windows; a test that wants a system
+    // without them hides them.
+    etw::InstallSystemRoutines();
     Registry& registry = GetRegistry();
     LoadedDriver* driver = nullptr;
     {

@@ -3,12 +3,11 @@
 // collects the events that EtwWrite hands it, and decodes them into text lines.
 //
 // The ETW routines (EtwRegister, EtwUnregister, EtwWrite) are exported to MmGetSystemRoutineAddress
-// by a static initializer of the unit that defines them, before main. ntsim is a static library, so
-// that unit is in a program only if the program uses it: every program that makes a Session or
-// calls the routines directly has it; one that only loads a driver which looks the routines up by
-// name doesn't, and is a system without ETW, unless something calls InstallSystemRoutines(). That
-// call may come any number of times. A test that wants a system without ETW hides the routines
-// (ntsim::ScopedHiddenSystemRoutine).
+// by a static initializer of the unit that defines them, before main, and again by ntsim::LoadFilter,
+// so that every loaded driver finds them (ntsim is a static library: a program that only loads a
+// driver might otherwise not link the unit at all). InstallSystemRoutines() may run any number of
+// times. A test that wants a system without ETW hides the routines (ntsim::ScopedHiddenSystemRoutine),
+// which outlasts a reinstall.
 #pragma once
 
 #include <ntsim/etw.h>
