@@ -7,6 +7,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#ifndef __cplusplus
+#include <assert.h>  // static_assert is a macro of <assert.h> in C11
+#endif
 #include "servicerequests.h"
 
 // The server port. The service connects twice: the Thread port, on which the filter sends its

@@ -15,6 +15,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#ifndef __cplusplus
+#include <assert.h>  // static_assert is a macro of <assert.h> in C11
+#endif
 
 // ---- request codes (9, 10, 11, 13 and 15 are never sent) ----
 #define SERVICE_REQUEST_OBJECT_EXISTS 1
