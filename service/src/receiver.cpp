@@ -4,9 +4,22 @@
 #include <servicerequests.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace foldermerge::service {
+
+std::span<const uint8_t> IncomingRequest::Bytes() const
+{
+    if (message.size() < SERVICE_REQUEST_HEAD_SIZE) {
+        return message;
+    }
+    uint32_t messageLength;
+    std::memcpy(&messageLength, message.data() + offsetof(ServiceRequestMessage, MessageLength),
+                sizeof(messageLength));
+    const bool plausible = messageLength >= SERVICE_REQUEST_HEAD_SIZE && messageLength <= message.size();
+    return message.first(plausible ? messageLength : SERVICE_REQUEST_HEAD_SIZE);
+}
 
 RequestReceiver::RequestReceiver(HANDLE port, RequestHandler handler, unsigned workers, size_t bufferSize,
                                  ThreadStarter starter, ReplyObserver observer)

@@ -4,7 +4,6 @@
 #include <ntsim/sim/clock.hpp>
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 
 namespace foldermerge::service {
@@ -21,20 +20,6 @@ char16_t Upcase(char16_t c)
 bool SamePath(std::u16string_view left, std::u16string_view right)
 {
     return std::ranges::equal(left, right, [](char16_t a, char16_t b) { return Upcase(a) == Upcase(b); });
-}
-
-// The bytes of the request in a receiver's buffer: as many as its MessageLength says, or the head
-// alone when that length is no request's.
-std::span<const uint8_t> RequestBytes(std::span<const uint8_t> message)
-{
-    if (message.size() < SERVICE_REQUEST_HEAD_SIZE) {
-        return message;
-    }
-    uint32_t messageLength;
-    std::memcpy(&messageLength, message.data() + offsetof(ServiceRequestMessage, MessageLength),
-                sizeof(messageLength));
-    const bool plausible = messageLength >= SERVICE_REQUEST_HEAD_SIZE && messageLength <= message.size();
-    return message.first(plausible ? messageLength : SERVICE_REQUEST_HEAD_SIZE);
 }
 
 }  // namespace
@@ -177,7 +162,7 @@ bool ScriptedResponder::WaitForDeadline(LONGLONG deadline)
 
 std::optional<std::vector<uint8_t>> ScriptedResponder::Handle(const IncomingRequest& request)
 {
-    const std::span<const uint8_t> bytes = RequestBytes(request.message);
+    const std::span<const uint8_t> bytes = request.Bytes();
     DecodedRequest decoded = DecodeRequest(bytes);
 
     ResponderRule rule;

@@ -4,8 +4,7 @@
 #include "../filter/filter_fixture.hpp"
 
 #include <foldermerge/service/control.hpp>
-
-#include "../../service/simulated_service.hpp"
+#include <foldermerge/service/simulated_service.hpp>
 
 #include <ntsim/sim/ports.hpp>
 

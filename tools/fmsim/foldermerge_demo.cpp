@@ -15,6 +15,8 @@
 #include "gate_traces.hpp"
 #include "scenes.hpp"
 
+#include <foldermerge/service/simulated_service.hpp>
+
 #include <ntsim/sim/iomanager.hpp>
 #include <ntsim/sim/mup.hpp>
 #include <ntsim/sim/ntfs.hpp>
@@ -26,8 +28,6 @@
 #include "driver/globals.h"
 #include "driver/lifecycle.h"
 #include "driver/ownedstring.h"
-
-#include "../../service/simulated_service.hpp"
 
 #include <algorithm>
 #include <ostream>

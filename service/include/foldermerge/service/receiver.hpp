@@ -26,6 +26,10 @@ struct IncomingRequest {
     std::span<const uint8_t> message;
     // The message was bigger than the worker's buffer and arrived cut.
     bool truncated = false;
+
+    // The request's own bytes in message: as many as its MessageLength says, or the head alone
+    // when that length is no request's (all of message when it is shorter than a head).
+    std::span<const uint8_t> Bytes() const;
 };
 
 // The bytes that follow FILTER_REPLY_HEADER in the answer, that is the reply record as the

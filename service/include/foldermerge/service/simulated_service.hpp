@@ -1,8 +1,8 @@
 // A FolderMerge service on ntsim, for demonstrations and tests: a Local System process whose own
 // threads make every call of the service library, so that the filter sees the service's process
 // and reads what it is sent from the service's memory. The service holds no content: it answers
-// each request of the filter with a zeroed reply of the length the filter waits for (success, no
-// flag set), so that nothing waits on it.
+// each request of the filter with the request's reply, success and no field set (EncodeReply with
+// an empty ReplyContent), so that nothing waits on it.
 //
 //     ... mount C:, load FolderMerge ...
 //     SimulatedService service;
@@ -17,13 +17,10 @@
 
 #include <ntsim/sim/process.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace foldermerge::service {
 
@@ -32,16 +29,7 @@ inline constexpr char16_t kDemoBobSid[] = u"S-1-5-21-1004336348-1177238915-68200
 
 // Two users' merge folders on C:, alice's read-only at its root and bob's writable, and two
 // processes whose opens are left alone.
-inline Configuration DemoConfiguration()
-{
-    Configuration configuration;
-    configuration.folders = {
-        {kDemoAliceSid, u"C:\\Users\\alice\\Velmora", true},
-        {kDemoBobSid, u"C:\\Users\\bob\\Velmora", false},
-    };
-    configuration.blacklist = {u"SearchIndexer.exe", u"backup.exe"};
-    return configuration;
-}
+Configuration DemoConfiguration();
 
 struct SimulatedServiceOptions {
     std::u16string imageFileName = u"\\Device\\HarddiskVolume2\\Program Files\\Velmora\\VelmoraService.exe";
@@ -53,13 +41,8 @@ struct SimulatedServiceOptions {
 
 class SimulatedService {
 public:
-    explicit SimulatedService(SimulatedServiceOptions options = {})
-        : options_(std::move(options)),
-          process_(ntsim::CreateProcess({.imageFileName = options_.imageFileName, .userSid = options_.userSid}))
-    {
-    }
-
-    ~SimulatedService() { Leave(); }
+    explicit SimulatedService(SimulatedServiceOptions options = {});
+    ~SimulatedService();
     SimulatedService(const SimulatedService&) = delete;
     SimulatedService& operator=(const SimulatedService&) = delete;
 
@@ -76,49 +59,15 @@ public:
 
     // Connects the Thread port and starts answering on it, connects the Config port, and sends the
     // configuration. On a failure it leaves again and returns the failure.
-    HRESULT Arrive()
-    {
-        HRESULT result = ConnectThreadPort();
-        if (SUCCEEDED(result)) {
-            result = Run([this](FilterConnection& connection) {
-                HRESULT step = connection.ConnectConfigPort();
-                return SUCCEEDED(step) ? connection.SetConfiguration(options_.configuration) : step;
-            });
-        }
-        if (FAILED(result)) {
-            Leave();
-        }
-        return result;
-    }
+    HRESULT Arrive();
 
     // Connects the Thread port (closing one it holds) and starts answering the filter's requests
     // on it, in threads of the service process.
-    HRESULT ConnectThreadPort()
-    {
-        return Run([this](FilterConnection& connection) {
-            HRESULT step = connection.ConnectThreadPort();
-            if (SUCCEEDED(step)) {
-                step = connection.StartReceiving(AnswerHoldingNothing, options_.workers,
-                                                 [process = process_](std::function<void()> body) {
-                                                     return std::thread([process, body = std::move(body)] {
-                                                         ntsim::AttachThread attach(process);
-                                                         body();
-                                                     });
-                                                 });
-            }
-            return step;
-        });
-    }
+    HRESULT ConnectThreadPort();
 
     // Closes both ports, the Thread port first; the filter drops the configuration and enters
     // pass-through mode. Nothing happens when the service isn't there.
-    void Leave()
-    {
-        if (connection_ != nullptr) {
-            ntsim::AttachThread attach(process_);
-            connection_.reset();
-        }
-    }
+    void Leave();
 
     bool present() const { return connection_ != nullptr && connection_->configPort() != nullptr; }
     uint64_t requestsAnswered() const
@@ -129,11 +78,6 @@ public:
     const std::shared_ptr<ntsim::Process>& process() const { return process_; }
 
 private:
-    static std::optional<std::vector<uint8_t>> AnswerHoldingNothing(const IncomingRequest& request)
-    {
-        return std::vector<uint8_t>(request.replyCapacity, 0);
-    }
-
     SimulatedServiceOptions options_;
     std::shared_ptr<ntsim::Process> process_;
     std::unique_ptr<FilterConnection> connection_;
@@ -141,15 +85,6 @@ private:
 
 // A service's whole visit: it arrives with DemoConfiguration(), whilePresent runs (the caller's
 // opens), and it leaves. The result of Arrive; whilePresent runs only when it succeeded.
-inline HRESULT VisitWithDemoService(const std::function<void(SimulatedService& service)>& whilePresent)
-{
-    SimulatedService service;
-    const HRESULT arrived = service.Arrive();
-    if (SUCCEEDED(arrived)) {
-        whilePresent(service);
-    }
-    service.Leave();
-    return arrived;
-}
+HRESULT VisitWithDemoService(const std::function<void(SimulatedService& service)>& whilePresent);
 
 }  // namespace foldermerge::service
