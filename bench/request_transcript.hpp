@@ -1,10 +1,11 @@
 // FolderMerge loaded over a C: volume for the request benchmark, and a short run that prints what
-// crosses the Thread port: the driver's requests as the service decodes them, the service's
-// replies, and what each request's frame made of the reply. For the demonstration and for a reader
-// who wants to see the wire.
+// crosses the Thread port: the driver's requests as the service decodes them (the service
+// library's PrintRequest), the service's replies, and what each request's frame made of the reply.
+// For a reader who wants to see the wire.
 #pragma once
 
 #include <foldermerge/service/responder.hpp>
+#include <foldermerge/service/transcript.hpp>
 
 #include <ntsim/sim/clock.hpp>
 #include <ntsim/sim/iomanager.hpp>
@@ -25,9 +26,7 @@
 
 namespace requestbench {
 
-using foldermerge::service::RecordedRequest;
-using foldermerge::service::RequestName;
-using foldermerge::service::RequestView;
+using foldermerge::service::PrintRequest;
 using foldermerge::service::ResponderAction;
 using foldermerge::service::ScriptedResponder;
 
@@ -82,40 +81,6 @@ inline std::string Hex(uint64_t value)
     char text[24];
     std::snprintf(text, sizeof(text), "0x%llX", static_cast<unsigned long long>(value));
     return text;
-}
-
-inline void PrintRequest(std::ostream& out, const RecordedRequest& recorded)
-{
-    if (!recorded.view) {
-        out << "  filter -> service: undecodable (" << recorded.decodeError << ")\n";
-        return;
-    }
-    const RequestView& view = *recorded.view;
-    out << "  filter -> service: code " << view.code << " " << RequestName(view.code) << ", " << view.messageLength
-        << " bytes, pid " << view.processId << ", reply buffer " << recorded.replyLength << " bytes\n";
-    if (!view.sid.empty()) {
-        out << "      sid    " << ntsim::ToUtf8(view.sid) << "\n";
-    }
-    if (!view.path.empty()) {
-        out << "      path   " << ntsim::ToUtf8(view.path) << "\n";
-    }
-    if (!view.secondString.empty()) {
-        out << "      second " << ntsim::ToUtf8(view.secondString) << "\n";
-    }
-    if (view.information) {
-        if (view.information->IsUnknown()) {
-            out << "      local file: none (unknown pattern)\n";
-        } else {
-            out << "      local file: attributes " << Hex(view.information->fileAttributes) << ", "
-                << view.information->endOfFile << " bytes, written at " << view.information->lastWriteTime << "\n";
-        }
-    }
-    if (view.markerStreamPresent) {
-        out << "      marker stream: " << (*view.markerStreamPresent ? "present" : "absent") << "\n";
-    }
-    if (view.code == SERVICE_REQUEST_DIRECTORY_CONTENTS) {
-        out << "      listing handle " << Hex(view.listingHandle) << ", " << view.listingLength << " bytes\n";
-    }
 }
 
 // Runs the driver's request frame against a scripted service and prints each exchange: a refusal,

@@ -4,12 +4,13 @@
 #include "describe.hpp"
 
 #include <foldermerge/service/responder.hpp>
+#include <foldermerge/service/transcript.hpp>
 
 #include <ntsim/sim/clock.hpp>
 #include <ntsim/sim/text.hpp>
 
-#include "../../bench/request_transcript.hpp"
 #include "driver/globals.h"
+#include "fileaccess.h"
 #include "servicerequests.h"
 
 #include <functional>
@@ -20,6 +21,7 @@ namespace fmsim {
 
 namespace {
 
+using foldermerge::service::PrintRequest;
 using foldermerge::service::ResponderAction;
 using foldermerge::service::ScriptedResponder;
 
@@ -78,7 +80,7 @@ void ShowServiceRequests(std::ostream& out, Expectations& expect, const RequestS
     auto received = [&](uint32_t code, const std::u16string& path) {
         const auto requests = service.Requests();
         for (; shown < requests.size(); shown++) {
-            requestbench::PrintRequest(out, requests[shown]);
+            PrintRequest(out, requests[shown]);
         }
         const bool decoded = !requests.empty() && requests.back().view.has_value();
         const std::string what =
