@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <fltKernel.h>
+#include <ntsim/sim/filterregistration.hpp>
 #include <ntsim/sim/iomanager.hpp>
 #include <ntsim/sim/ntfs.hpp>
 #include <ntsim/sim/process.hpp>
@@ -36,42 +37,20 @@ NTSTATUS FLTAPI PassThroughUnload(FLT_FILTER_UNLOAD_FLAGS)
     return STATUS_SUCCESS;
 }
 
-constexpr FLT_OPERATION_REGISTRATION kPassThroughOperations[] = {
-    {IRP_MJ_CREATE, 0, PassThroughPre, nullptr},
-    {IRP_MJ_CLOSE, 0, PassThroughPre, nullptr},
-    {IRP_MJ_READ, 0, PassThroughPre, nullptr},
-    {IRP_MJ_WRITE, 0, PassThroughPre, nullptr},
-    {IRP_MJ_QUERY_INFORMATION, 0, PassThroughPre, nullptr},
-    {IRP_MJ_SET_INFORMATION, 0, PassThroughPre, nullptr},
-    {IRP_MJ_QUERY_EA, 0, PassThroughPre, nullptr},
-    {IRP_MJ_FLUSH_BUFFERS, 0, PassThroughPre, nullptr},
-    {IRP_MJ_DIRECTORY_CONTROL, 0, PassThroughPre, nullptr},
-    {IRP_MJ_CLEANUP, 0, PassThroughPre, nullptr},
-    {IRP_MJ_NETWORK_QUERY_OPEN, 0, PassThroughPre, nullptr},
-    {IRP_MJ_ACQUIRE_FOR_CC_FLUSH, 0, PassThroughPre, nullptr},
-    {IRP_MJ_RELEASE_FOR_CC_FLUSH, 0, PassThroughPre, nullptr},
-    {IRP_MJ_OPERATION_END},
-};
+constexpr auto kPassThroughOperations = ntsim::RegisterEachOperation(ntsim::kEveryOperation, PassThroughPre, nullptr);
 
 constexpr FLT_REGISTRATION kPassThroughRegistration = {
     .Size = sizeof(FLT_REGISTRATION),
     .Version = FLT_REGISTRATION_VERSION,
     .Flags = 0,
     .ContextRegistration = nullptr,
-    .OperationRegistration = kPassThroughOperations,
+    .OperationRegistration = kPassThroughOperations.entries,
     .FilterUnloadCallback = PassThroughUnload,
 };
 
 NTSTATUS PassThroughEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
-    NTSTATUS status = FltRegisterFilter(driver, &kPassThroughRegistration, &passThroughFilter);
-    if (NT_SUCCESS(status)) {
-        status = FltStartFiltering(passThroughFilter);
-        if (!NT_SUCCESS(status)) {
-            FltUnregisterFilter(passThroughFilter);
-        }
-    }
-    return status;
+    return ntsim::RegisterAndStartFiltering(driver, kPassThroughRegistration, &passThroughFilter);
 }
 
 // ---- the setting ----

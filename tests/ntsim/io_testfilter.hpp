@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fltKernel.h>
+#include <ntsim/sim/filterregistration.hpp>
 #include <ntsim/sim/iomanager.hpp>
 #include <ntsim/sim/ntfs.hpp>
 #include <ntsim/sim/object.hpp>
@@ -178,29 +179,14 @@ struct TestFilter {
         return STATUS_SUCCESS;
     }
 
-    static constexpr FLT_OPERATION_REGISTRATION kOperations[] = {
-        {IRP_MJ_CREATE, 0, Pre, Post},
-        {IRP_MJ_CLOSE, 0, Pre, Post},
-        {IRP_MJ_READ, 0, Pre, Post},
-        {IRP_MJ_WRITE, 0, Pre, Post},
-        {IRP_MJ_QUERY_INFORMATION, 0, Pre, Post},
-        {IRP_MJ_SET_INFORMATION, 0, Pre, Post},
-        {IRP_MJ_QUERY_EA, 0, Pre, Post},
-        {IRP_MJ_FLUSH_BUFFERS, 0, Pre, Post},
-        {IRP_MJ_DIRECTORY_CONTROL, 0, Pre, Post},
-        {IRP_MJ_CLEANUP, 0, Pre, Post},
-        {IRP_MJ_NETWORK_QUERY_OPEN, 0, Pre, Post},
-        {IRP_MJ_ACQUIRE_FOR_CC_FLUSH, 0, Pre, Post},
-        {IRP_MJ_RELEASE_FOR_CC_FLUSH, 0, Pre, Post},
-        {IRP_MJ_OPERATION_END},
-    };
+    static constexpr auto kOperations = ntsim::RegisterEachOperation(ntsim::kEveryOperation, Pre, Post);
 
     static constexpr FLT_REGISTRATION kRegistration = {
         .Size = sizeof(FLT_REGISTRATION),
         .Version = FLT_REGISTRATION_VERSION,
         .Flags = 0,
         .ContextRegistration = nullptr,
-        .OperationRegistration = kOperations,
+        .OperationRegistration = kOperations.entries,
         .FilterUnloadCallback = Unload,
         .InstanceSetupCallback = Setup,
         .InstanceQueryTeardownCallback = QueryTeardown,
@@ -210,15 +196,7 @@ struct TestFilter {
 
     static NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
-        NTSTATUS status = FltRegisterFilter(driver, &kRegistration, &script().filter);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-        status = FltStartFiltering(script().filter);
-        if (!NT_SUCCESS(status)) {
-            FltUnregisterFilter(script().filter);
-        }
-        return status;
+        return ntsim::RegisterAndStartFiltering(driver, kRegistration, &script().filter);
     }
 
     static std::u16string Name() { return std::u16string(u"TestFilter") + static_cast<char16_t>(u'A' + Slot); }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fltKernel.h>
+#include <ntsim/sim/filterregistration.hpp>
 #include <ntsim/sim/iomanager.hpp>
 #include <ntsim/sim/mup.hpp>
 #include <ntsim/sim/ntfs.hpp>
@@ -120,33 +121,20 @@ struct Recorder {
         return STATUS_SUCCESS;
     }
 
-    static constexpr FLT_OPERATION_REGISTRATION kOperations[] = {
-        {IRP_MJ_CREATE, 0, Pre, Post},
-        {IRP_MJ_READ, 0, Pre, Post},
-        {IRP_MJ_WRITE, 0, Pre, Post},
-        {IRP_MJ_CLEANUP, 0, Pre, Post},
-        {IRP_MJ_CLOSE, 0, Pre, Post},
-        {IRP_MJ_OPERATION_END},
-    };
+    static constexpr UCHAR kWatched[] = {IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE};
+    static constexpr auto kOperations = ntsim::RegisterEachOperation(kWatched, Pre, Post);
 
     static constexpr FLT_REGISTRATION kRegistration = {
         .Size = sizeof(FLT_REGISTRATION),
         .Version = FLT_REGISTRATION_VERSION,
-        .OperationRegistration = kOperations,
+        .OperationRegistration = kOperations.entries,
         .FilterUnloadCallback = Unload,
         .InstanceSetupCallback = Setup,
     };
 
     static NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
-        NTSTATUS status = FltRegisterFilter(driver, &kRegistration, &filter);
-        if (NT_SUCCESS(status)) {
-            status = FltStartFiltering(filter);
-            if (!NT_SUCCESS(status)) {
-                FltUnregisterFilter(filter);
-            }
-        }
-        return status;
+        return ntsim::RegisterAndStartFiltering(driver, kRegistration, &filter);
     }
 };
 

@@ -4,6 +4,7 @@
 
 #include "describe.hpp"
 
+#include <ntsim/sim/filterregistration.hpp>
 #include <ntsim/sim/iomanager.hpp>
 #include <ntsim/sim/process.hpp>
 #include <ntsim/sim/text.hpp>
@@ -164,40 +165,24 @@ NTSTATUS FLTAPI FilterUnload(FLT_FILTER_UNLOAD_FLAGS)
     return STATUS_SUCCESS;
 }
 
-constexpr FLT_OPERATION_REGISTRATION kOperations[] = {
-    {IRP_MJ_CREATE, 0, PreOperation, PostOperation},
-    {IRP_MJ_READ, 0, PreOperation, PostOperation},
-    {IRP_MJ_WRITE, 0, PreOperation, PostOperation},
-    {IRP_MJ_QUERY_INFORMATION, 0, PreOperation, PostOperation},
-    {IRP_MJ_SET_INFORMATION, 0, PreOperation, PostOperation},
-    {IRP_MJ_DIRECTORY_CONTROL, 0, PreOperation, PostOperation},
-    {IRP_MJ_FLUSH_BUFFERS, 0, PreOperation, PostOperation},
-    {IRP_MJ_CLEANUP, 0, PreOperation, PostOperation},
-    {IRP_MJ_CLOSE, 0, PreOperation, PostOperation},
-    {IRP_MJ_OPERATION_END},
+constexpr UCHAR kLoggedOperations[] = {
+    IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_QUERY_INFORMATION, IRP_MJ_SET_INFORMATION,
+    IRP_MJ_DIRECTORY_CONTROL, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_CLEANUP, IRP_MJ_CLOSE,
 };
+constexpr auto kOperations = ntsim::RegisterEachOperation(kLoggedOperations, PreOperation, PostOperation);
 
 constexpr FLT_REGISTRATION kRegistration = {
     .Size = sizeof(FLT_REGISTRATION),
     .Version = FLT_REGISTRATION_VERSION,
     .Flags = 0,
     .ContextRegistration = nullptr,
-    .OperationRegistration = kOperations,
+    .OperationRegistration = kOperations.entries,
     .FilterUnloadCallback = FilterUnload,
 };
 
 NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 {
-    NTSTATUS status = FltRegisterFilter(driver, &kRegistration, &Log().filter);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    status = FltStartFiltering(Log().filter);
-    if (!NT_SUCCESS(status)) {
-        FltUnregisterFilter(Log().filter);
-        Log().filter = nullptr;
-    }
-    return status;
+    return ntsim::RegisterAndStartFiltering(driver, kRegistration, &Log().filter);
 }
 
 constexpr std::u16string_view kServiceName = u"LogFilter";
