@@ -84,6 +84,25 @@ bool IsUserBuffer(const void* buffer, ULONG size)
     return buffer != nullptr && CurrentProcess().OwnsUserMemory(buffer, size);
 }
 
+// The connection of a client port handle, for a call whose buffer starts with a message or reply
+// header: STATUS_INVALID_HANDLE for a handle that is no client port, STATUS_INVALID_PARAMETER for
+// a buffer too small for the header, STATUS_ACCESS_VIOLATION for one outside the caller's memory.
+NTSTATUS ConnectionForHeaderBuffer(HANDLE handle, const void* buffer, ULONG size,
+                                   std::shared_ptr<Connection>* connection)
+{
+    *connection = ConnectionFromHandle(handle);
+    if (*connection == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    if (buffer == nullptr || size < kHeaderSize) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (!IsUserBuffer(buffer, size)) {
+        return STATUS_ACCESS_VIOLATION;
+    }
+    return STATUS_SUCCESS;
+}
+
 }  // namespace
 
 void WakeAllConnections()
@@ -145,15 +164,9 @@ size_t QueuedMessageCount()
 NTSTATUS GetPortMessage(HANDLE handle, void* buffer, ULONG size)
 {
     verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FilterGetMessage");
-    std::shared_ptr<Connection> connection = ConnectionFromHandle(handle);
-    if (connection == nullptr) {
-        return STATUS_INVALID_HANDLE;
-    }
-    if (buffer == nullptr || size < kHeaderSize) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (!IsUserBuffer(buffer, size)) {
-        return STATUS_ACCESS_VIOLATION;
+    std::shared_ptr<Connection> connection;
+    if (NTSTATUS status = ConnectionForHeaderBuffer(handle, buffer, size, &connection); !NT_SUCCESS(status)) {
+        return status;
     }
     std::shared_ptr<Message> message;
     {
@@ -199,15 +212,9 @@ NTSTATUS GetPortMessage(HANDLE handle, void* buffer, ULONG size)
 NTSTATUS ReplyPortMessage(HANDLE handle, const void* buffer, ULONG size)
 {
     verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FilterReplyMessage");
-    std::shared_ptr<Connection> connection = ConnectionFromHandle(handle);
-    if (connection == nullptr) {
-        return STATUS_INVALID_HANDLE;
-    }
-    if (buffer == nullptr || size < kHeaderSize) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (!IsUserBuffer(buffer, size)) {
-        return STATUS_ACCESS_VIOLATION;
+    std::shared_ptr<Connection> connection;
+    if (NTSTATUS status = ConnectionForHeaderBuffer(handle, buffer, size, &connection); !NT_SUCCESS(status)) {
+        return status;
     }
     const auto* bytes = static_cast<const UCHAR*>(buffer);
     ULONGLONG id;
