@@ -352,6 +352,26 @@ using namespace ntsim::iomgr;
 
 namespace {
 
+// The request of an NtCreateFile-shaped call, from its arguments as the caller passed them.
+CreateRequest RequestFromCreateArguments(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes,
+                                         ACCESS_MASK DesiredAccess, PLARGE_INTEGER AllocationSize,
+                                         ULONG FileAttributes, ULONG ShareAccess, ULONG CreateDisposition,
+                                         ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength)
+{
+    CreateRequest request;
+    request.objectAttributes = ObjectAttributes;
+    request.desiredAccess = DesiredAccess;
+    request.allocationSize = AllocationSize;
+    request.fileAttributes = FileAttributes;
+    request.shareAccess = ShareAccess;
+    request.disposition = CreateDisposition;
+    request.createOptions = CreateOptions;
+    request.eaBuffer = EaBuffer;
+    request.eaLength = EaLength;
+    request.mode = mode;
+    return request;
+}
+
 NTSTATUS CreateWithHandle(const CreateRequest& request, PHANDLE fileHandle, PIO_STATUS_BLOCK ioStatus)
 {
     if (fileHandle == nullptr || ioStatus == nullptr) {
@@ -381,17 +401,9 @@ NTSTATUS NtCreateFileAs(KPROCESSOR_MODE mode, PHANDLE FileHandle, ACCESS_MASK De
                         ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength)
 {
     verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtCreateFile");
-    CreateRequest request;
-    request.objectAttributes = ObjectAttributes;
-    request.desiredAccess = DesiredAccess;
-    request.allocationSize = AllocationSize;
-    request.fileAttributes = FileAttributes;
-    request.shareAccess = ShareAccess;
-    request.disposition = CreateDisposition;
-    request.createOptions = CreateOptions;
-    request.eaBuffer = EaBuffer;
-    request.eaLength = EaLength;
-    request.mode = mode;
+    const CreateRequest request =
+        RequestFromCreateArguments(mode, ObjectAttributes, DesiredAccess, AllocationSize, FileAttributes, ShareAccess,
+                                   CreateDisposition, CreateOptions, EaBuffer, EaLength);
     ScopedPreviousMode previousMode(mode);
     return CreateWithHandle(request, FileHandle, IoStatusBlock);
 }
@@ -601,25 +613,17 @@ NTSTATUS FLTAPI FltCreateFileEx(PFLT_FILTER Filter, PFLT_INSTANCE Instance, PHAN
     if (filter == nullptr || FileHandle == nullptr || IoStatusBlock == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    CreateRequest request;
+    CreateRequest request =
+        RequestFromCreateArguments(KernelMode, ObjectAttributes, DesiredAccess, AllocationSize, FileAttributes,
+                                   ShareAccess, CreateDisposition, CreateOptions, EaBuffer, EaLength);
+    request.ioFlags = Flags;
+    request.generatedByFilter = true;
     if (Instance != nullptr) {
         request.below = InstanceOf(Instance);
         if (request.below == nullptr || request.below->filter != filter) {
             return STATUS_INVALID_PARAMETER;
         }
     }
-    request.objectAttributes = ObjectAttributes;
-    request.desiredAccess = DesiredAccess;
-    request.allocationSize = AllocationSize;
-    request.fileAttributes = FileAttributes;
-    request.shareAccess = ShareAccess;
-    request.disposition = CreateDisposition;
-    request.createOptions = CreateOptions;
-    request.eaBuffer = EaBuffer;
-    request.eaLength = EaLength;
-    request.ioFlags = Flags;
-    request.mode = KernelMode;
-    request.generatedByFilter = true;
     ScopedPreviousMode previousMode(KernelMode);
     FileObjectRecord* record = nullptr;
     NTSTATUS status = CreateFileObject(request, IoStatusBlock, &record);
