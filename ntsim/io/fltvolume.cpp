@@ -302,6 +302,21 @@ FltObjectKind KindOf(PVOID object, std::atomic<long>** references)
     return FltObjectKind::None;
 }
 
+// One of the objects an instance stands on (its filter or its volume), with a reference for the
+// caller that FltObjectDereference drops.
+template <typename Object>
+NTSTATUS ReferenceOfInstance(PFLT_INSTANCE Instance, std::shared_ptr<Object> _FLT_INSTANCE::*object, Object** result)
+{
+    auto instance = InstanceOf(Instance);
+    if (instance == nullptr || result == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    Object& referenced = *((*instance).*object);
+    ++referenced.references;
+    *result = &referenced;
+    return STATUS_SUCCESS;
+}
+
 }  // namespace
 
 extern "C" {
@@ -437,24 +452,12 @@ NTSTATUS FLTAPI FltGetVolumeInstanceFromName(PFLT_FILTER Filter, PFLT_VOLUME Vol
 
 NTSTATUS FLTAPI FltGetVolumeFromInstance(PFLT_INSTANCE Instance, PFLT_VOLUME* RetVolume)
 {
-    auto instance = InstanceOf(Instance);
-    if (instance == nullptr || RetVolume == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ++instance->volume->references;
-    *RetVolume = instance->volume.get();
-    return STATUS_SUCCESS;
+    return ReferenceOfInstance(Instance, &_FLT_INSTANCE::volume, RetVolume);
 }
 
 NTSTATUS FLTAPI FltGetFilterFromInstance(PFLT_INSTANCE Instance, PFLT_FILTER* RetFilter)
 {
-    auto instance = InstanceOf(Instance);
-    if (instance == nullptr || RetFilter == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ++instance->filter->references;
-    *RetFilter = instance->filter.get();
-    return STATUS_SUCCESS;
+    return ReferenceOfInstance(Instance, &_FLT_INSTANCE::filter, RetFilter);
 }
 
 }  // extern "C"
