@@ -134,13 +134,10 @@ TEST_F(FileAccessTest, FileHeldOpenWithoutSharingIsStillReadAndItsTimesSet)
     volume_->SeedFile(u"\\Data\\locked.txt", "locked content");
     ntsim::AttachThread attach(UserProcess(kAlice));
 
-    ntsim::UnicodeStringHolder name(u"\\??\\C:\\Data\\locked.txt");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    IO_STATUS_BLOCK ioStatus{};
     HANDLE exclusive = nullptr;
-    ASSERT_EQ(NtCreateFile(&exclusive, FILE_GENERIC_READ | FILE_GENERIC_WRITE, &attributes, &ioStatus, nullptr, 0, 0,
-                           FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+    ASSERT_EQ(OpenHandle(u"\\??\\C:\\Data\\locked.txt", FILE_GENERIC_READ | FILE_GENERIC_WRITE,
+                         {.createOptions = FILE_SYNCHRONOUS_IO_NONALERT, .share = 0}, &exclusive)
+                  .status,
               STATUS_SUCCESS);
     EXPECT_EQ(OpenAndClose(u"\\??\\C:\\Data\\locked.txt", FILE_READ_DATA).status, STATUS_SHARING_VIOLATION);
 

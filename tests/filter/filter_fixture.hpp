@@ -69,9 +69,10 @@ struct OpenOptions {
     HANDLE root = nullptr;  // a directory handle for a relative open
 };
 
-// Opens path (\??\C:\Data\a.txt) in the calling thread's identity with NtCreateFile, and closes the
-// handle again. Kernel callers (ZwCreateFile) get a kernel handle.
-inline OpenResult OpenAndClose(std::u16string_view path, ACCESS_MASK access, const OpenOptions& options = {})
+// Opens path (\??\C:\Data\a.txt) in the calling thread's identity with NtCreateFile (SYNCHRONIZE
+// added to access) and leaves the handle in *handle for the caller to close. Kernel callers
+// (ZwCreateFile) get a kernel handle.
+inline OpenResult OpenHandle(std::u16string_view path, ACCESS_MASK access, const OpenOptions& options, HANDLE* handle)
 {
     ntsim::UnicodeStringHolder name(path);
     bool kernel = ExGetPreviousMode() == KernelMode;
@@ -79,15 +80,22 @@ inline OpenResult OpenAndClose(std::u16string_view path, ACCESS_MASK access, con
     InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | (kernel ? OBJ_KERNEL_HANDLE : 0),
                                options.root, nullptr);
     IO_STATUS_BLOCK ioStatus{};
-    HANDLE handle = nullptr;
-    NTSTATUS status = kernel ? ZwCreateFile(&handle, access | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
+    NTSTATUS status = kernel ? ZwCreateFile(handle, access | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
                                             options.share, options.disposition, options.createOptions, nullptr, 0)
-                             : NtCreateFile(&handle, access | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
+                             : NtCreateFile(handle, access | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
                                             options.share, options.disposition, options.createOptions, nullptr, 0);
-    if (NT_SUCCESS(status)) {
+    return {status, ioStatus.Information};
+}
+
+// Opens path as OpenHandle does, and closes the handle again.
+inline OpenResult OpenAndClose(std::u16string_view path, ACCESS_MASK access, const OpenOptions& options = {})
+{
+    HANDLE handle = nullptr;
+    const OpenResult result = OpenHandle(path, access, options, &handle);
+    if (NT_SUCCESS(result.status)) {
         EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
     }
-    return {status, ioStatus.Information};
+    return result;
 }
 
 // The loaded filter over an NTFS volume mounted as C: (\Device\HarddiskVolume2). Every test ends

@@ -65,14 +65,8 @@ TEST_F(OpenGate, ARelativeOpenIsJudgedByItsWholePath)
 {
     auto bob = UserProcess(kBob);
     ntsim::AttachThread thread(bob);
-    ntsim::UnicodeStringHolder name(u"\\??\\C:\\Projects");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    IO_STATUS_BLOCK ioStatus{};
     HANDLE directory = nullptr;
-    ASSERT_EQ(NtOpenFile(&directory, FILE_LIST_DIRECTORY | SYNCHRONIZE, &attributes, &ioStatus,
-                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_DIRECTORY_FILE),
-              STATUS_SUCCESS);
+    ASSERT_EQ(OpenHandle(u"\\??\\C:\\Projects", FILE_LIST_DIRECTORY, kDirectory, &directory).status, STATUS_SUCCESS);
     // \Projects + \ + Inner: the folder's own path, read-only for bob.
     EXPECT_EQ(OpenAndClose(u"Inner", FILE_WRITE_ATTRIBUTES, {.createOptions = FILE_DIRECTORY_FILE, .root = directory})
                   .status,
@@ -173,14 +167,13 @@ TEST_F(OpenGate, StreamsOfManagedFilesReachTheFileSystem)
 {
     auto alice = UserProcess(kAlice);
     ntsim::AttachThread thread(alice);
-    ntsim::UnicodeStringHolder name(u"\\??\\C:\\Data\\a.txt:notes");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    IO_STATUS_BLOCK ioStatus{};
     HANDLE handle = nullptr;
-    ASSERT_EQ(NtCreateFile(&handle, FILE_WRITE_DATA | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0, 0,
-                           FILE_OPEN_IF, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+    ASSERT_EQ(OpenHandle(u"\\??\\C:\\Data\\a.txt:notes", FILE_WRITE_DATA,
+                         {.disposition = FILE_OPEN_IF, .createOptions = FILE_SYNCHRONOUS_IO_NONALERT, .share = 0},
+                         &handle)
+                  .status,
               STATUS_SUCCESS);
+    IO_STATUS_BLOCK ioStatus{};
     char text[] = "note";
     EXPECT_EQ(NtWriteFile(handle, nullptr, nullptr, nullptr, &ioStatus, text, 4, nullptr, nullptr), STATUS_SUCCESS);
     EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);

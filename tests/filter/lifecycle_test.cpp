@@ -98,12 +98,8 @@ TEST_F(Lifecycle, UnloadWithConfigurationAndOpenFilesLeavesNothing)
 
     // A handle that stays open across the unload.
     ntsim::AttachThread thread(UserProcess(kAlice));
-    ntsim::UnicodeStringHolder name(u"\\??\\C:\\Data\\a.txt");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    IO_STATUS_BLOCK ioStatus{};
     HANDLE handle = nullptr;
-    ASSERT_EQ(NtOpenFile(&handle, FILE_READ_DATA | SYNCHRONIZE, &attributes, &ioStatus, FILE_SHARE_READ, 0),
+    ASSERT_EQ(OpenHandle(u"\\??\\C:\\Data\\a.txt", FILE_READ_DATA, {.share = FILE_SHARE_READ}, &handle).status,
               STATUS_SUCCESS);
     EXPECT_GT(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
 

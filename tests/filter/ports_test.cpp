@@ -119,12 +119,7 @@ public:
     NTSTATUS Open(std::u16string_view path, ACCESS_MASK access, ULONG share, HANDLE* handle)
     {
         ntsim::AttachThread attach(process_);
-        ntsim::UnicodeStringHolder name(path);
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-        IO_STATUS_BLOCK ioStatus{};
-        return NtCreateFile(handle, access | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0, share, FILE_OPEN, 0,
-                            nullptr, 0);
+        return OpenHandle(path, access, {.share = share}, handle).status;
     }
 
     void CloseFile(HANDLE handle)
