@@ -95,7 +95,11 @@ void RequestReceiver::Work()
         }
         const HRESULT replied = FilterReplyMessage(port_, head, static_cast<DWORD>(size));
         if (SUCCEEDED(replied)) {
-            ++answered_;
+            {
+                std::lock_guard lock(answeredLock_);
+                ++answered_;
+            }
+            answeredChanged_.notify_all();
         } else {
             ++refused_;
         }
@@ -103,6 +107,12 @@ void RequestReceiver::Work()
             observer_(request, replied);
         }
     }
+}
+
+bool RequestReceiver::WaitForAnswered(uint64_t count, std::chrono::milliseconds timeout) const
+{
+    std::unique_lock lock(answeredLock_);
+    return answeredChanged_.wait_for(lock, timeout, [&] { return answered_ >= count; });
 }
 
 }  // namespace foldermerge::service

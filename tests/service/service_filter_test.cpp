@@ -100,6 +100,7 @@ TEST_F(ServiceAndFilter, EveryStateAndTransitionOfTheServiceConnection)
     // Operating, configured by the service's arrival; its receiver answers the requests.
     ASSERT_EQ(service_->Arrive(), S_OK);
     EXPECT_EQ(Observe(), (Observed{0, 1, STATUS_ACCESS_DENIED, kAnswered}));
+    EXPECT_TRUE(service_->WaitForRequestsAnswered(1));
     EXPECT_EQ(service_->requestsAnswered(), 1u);
 
     // Operating, with the configuration replaced whole: alice's folder writable, bob's read-only.

@@ -5,8 +5,11 @@
 #include <foldermerge/service/port.hpp>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <thread>
@@ -61,6 +64,9 @@ public:
 
     uint64_t received() const { return received_; }
     uint64_t answered() const { return answered_; }
+    // Waits until at least count answers went out, or the (real-time) timeout passed: the filter's
+    // thread may go on before the worker has counted its answer.
+    bool WaitForAnswered(uint64_t count, std::chrono::milliseconds timeout) const;
     // Answers the filter no longer waited for (ERROR_FLT_NO_WAITER_FOR_REPLY) or that failed.
     uint64_t answersRefused() const { return refused_; }
 
@@ -74,6 +80,8 @@ private:
     std::atomic<uint64_t> received_{0};
     std::atomic<uint64_t> answered_{0};
     std::atomic<uint64_t> refused_{0};
+    mutable std::mutex answeredLock_;
+    mutable std::condition_variable answeredChanged_;
     std::vector<std::thread> workers_;
 };
 

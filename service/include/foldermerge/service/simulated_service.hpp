@@ -17,6 +17,7 @@
 
 #include <ntsim/sim/process.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -73,6 +74,13 @@ public:
     uint64_t requestsAnswered() const
     {
         return connection_ != nullptr && connection_->receiver() != nullptr ? connection_->receiver()->answered() : 0;
+    }
+    // Waits (in real time, for the service's worker threads) until at least count requests were
+    // answered; false if that did not happen within the timeout.
+    bool WaitForRequestsAnswered(uint64_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const
+    {
+        return connection_ != nullptr && connection_->receiver() != nullptr &&
+               connection_->receiver()->WaitForAnswered(count, timeout);
     }
     const Configuration& configuration() const { return options_.configuration; }
     const std::shared_ptr<ntsim::Process>& process() const { return process_; }
