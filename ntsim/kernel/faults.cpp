@@ -2,6 +2,7 @@
 // nothing armed pays one atomic increment per failure point.
 #include <ntsim/sim/faults.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -9,11 +10,13 @@ namespace ntsim::faults {
 
 namespace {
 
-enum class RuleKind { NthAllocation, Tag, Routine, NthPoint };
+enum class RuleKind { NthAllocation, Tag, Routine, NthPoint, NthPointOf };
 
 struct Rule {
     RuleKind kind;
-    uint64_t target = 0;  // absolute count for the Nth kinds
+    uint64_t target = 0;  // absolute count for the Nth kinds; n for NthPointOf
+    PointSet set;         // NthPointOf: the points it counts
+    uint64_t seen = 0;    // NthPointOf: points of its set since it was armed
     ULONG tag = 0;
     std::string routine;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
@@ -42,10 +45,22 @@ bool Reached(const Rule& rule, uint64_t count)
     return rule.persistence == Persistence::Once ? count == rule.target : count >= rule.target;
 }
 
-// Under the mutex: the first rule that fails this point, removed when it fires only once.
+bool Holds(const Rule& rule, bool isAllocation, std::string_view routine, ULONG tag)
+{
+    return isAllocation ? rule.set.HoldsAllocation(tag) : rule.set.HoldsRoutine(routine);
+}
+
+// Under the mutex: the first rule that fails this point, removed when it fires only once. Every
+// NthPointOf rule counts the point first, whichever rule fails it; one that reaches its n-th point
+// on a point another rule fails is spent with it.
 std::optional<NTSTATUS> Match(InjectorState& state, uint64_t point, uint64_t allocation, bool isAllocation,
                               std::string_view routine, ULONG tag)
 {
+    for (Rule& rule : state.rules) {
+        if (rule.kind == RuleKind::NthPointOf && Holds(rule, isAllocation, routine, tag)) {
+            rule.seen += 1;
+        }
+    }
     for (auto it = state.rules.begin(); it != state.rules.end(); ++it) {
         bool fires = false;
         switch (it->kind) {
@@ -61,16 +76,26 @@ std::optional<NTSTATUS> Match(InjectorState& state, uint64_t point, uint64_t all
         case RuleKind::NthPoint:
             fires = Reached(*it, point);
             break;
+        case RuleKind::NthPointOf:
+            fires = Holds(*it, isAllocation, routine, tag) && Reached(*it, it->seen);
+            break;
         }
         if (!fires) {
             continue;
         }
         NTSTATUS status = isAllocation ? STATUS_INSUFFICIENT_RESOURCES : it->status;
         state.injected.push_back(InjectedFailure{point, std::string(routine), isAllocation ? tag : 0, status});
-        if (it->persistence == Persistence::Once) {
-            state.rules.erase(it);
-            state.armed.store(!state.rules.empty());
+        const size_t fired = static_cast<size_t>(it - state.rules.begin());
+        for (size_t index = state.rules.size(); index-- > 0;) {
+            const Rule& rule = state.rules[index];
+            bool spent = rule.persistence == Persistence::Once &&
+                         (index == fired || (rule.kind == RuleKind::NthPointOf && rule.seen == rule.target &&
+                                             Holds(rule, isAllocation, routine, tag)));
+            if (spent) {
+                state.rules.erase(state.rules.begin() + static_cast<std::ptrdiff_t>(index));
+            }
         }
+        state.armed.store(!state.rules.empty());
         return status;
     }
     return std::nullopt;
@@ -141,6 +166,26 @@ void FailNthPoint(uint64_t n, NTSTATUS status, Persistence persistence)
     rule.status = status;
     rule.persistence = persistence;
     Arm(std::move(rule));
+}
+
+void FailNthPointOf(PointSet set, uint64_t n, NTSTATUS status, Persistence persistence)
+{
+    Rule rule{RuleKind::NthPointOf};
+    rule.set = std::move(set);
+    rule.target = n;
+    rule.status = status;
+    rule.persistence = persistence;
+    Arm(std::move(rule));
+}
+
+bool PointSet::HoldsAllocation(ULONG tag) const
+{
+    return std::find(tags.begin(), tags.end(), tag) != tags.end();
+}
+
+bool PointSet::HoldsRoutine(std::string_view routine) const
+{
+    return std::find(routines.begin(), routines.end(), routine) != routines.end();
 }
 
 uint64_t PointsPassed()

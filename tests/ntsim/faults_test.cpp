@@ -93,6 +93,49 @@ TEST(FailNthPoint, CountsRoutinesAndAllocationsAlike)
     EXPECT_EQ(Check("ZwClose"), STATUS_NO_MEMORY);
 }
 
+TEST(FailNthPointOf, CountsAndFailsOnlyThePointsOfItsSet)
+{
+    const PointSet set{.tags = {kTag}, .routines = {"FltGetVolumeName"}};
+    FailNthPointOf(set, 3, STATUS_NO_MEMORY);
+    EXPECT_EQ(AllocateAndFree(1, kOtherTag), std::vector<bool>{false});
+    EXPECT_FALSE(Check("ZwClose").has_value());
+    EXPECT_EQ(AllocateAndFree(1, kTag), std::vector<bool>{false});  // 1
+    EXPECT_FALSE(Check("FltGetVolumeName").has_value());            // 2
+    EXPECT_EQ(AllocateAndFree(1, kOtherTag), std::vector<bool>{false});
+    EXPECT_EQ(Check("FltGetVolumeName"), STATUS_NO_MEMORY);  // 3
+    EXPECT_FALSE(Check("FltGetVolumeName").has_value());
+    ASSERT_EQ(Injected().size(), 1u);
+    EXPECT_EQ(Injected()[0].point, 6u);  // the sixth point of any kind
+
+    // An allocation of the set fails as allocations do; persistent rules fail every later point
+    // of the set and nothing else.
+    Reset();
+    FailNthPointOf(set, 2, STATUS_NO_MEMORY, Persistence::Persistent);
+    EXPECT_EQ(AllocateAndFree(2, kTag), (std::vector<bool>{false, true}));
+    EXPECT_EQ(Injected()[0].status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_FALSE(Check("ZwClose").has_value());
+    EXPECT_EQ(AllocateAndFree(1, kOtherTag), std::vector<bool>{false});
+    EXPECT_EQ(Check("FltGetVolumeName"), STATUS_NO_MEMORY);
+    EXPECT_EQ(AllocateAndFree(1, kTag), std::vector<bool>{true});
+}
+
+TEST(FailNthPointOf, CountsAPointThatAnotherRuleFails)
+{
+    const PointSet set{.routines = {"FltGetVolumeName"}};
+    FailRoutine("FltGetVolumeName", STATUS_ACCESS_DENIED);
+    FailNthPointOf(set, 2, STATUS_NO_MEMORY);
+    EXPECT_EQ(Check("FltGetVolumeName"), STATUS_ACCESS_DENIED);  // 1, failed by the first rule
+    EXPECT_EQ(Check("FltGetVolumeName"), STATUS_NO_MEMORY);      // 2
+
+    // Its n-th point failed by another rule, a rule that fires once is spent.
+    Reset();
+    FailRoutine("FltGetVolumeName", STATUS_ACCESS_DENIED);
+    FailNthPointOf(set, 1, STATUS_NO_MEMORY);
+    EXPECT_EQ(Check("FltGetVolumeName"), STATUS_ACCESS_DENIED);
+    EXPECT_FALSE(Check("FltGetVolumeName").has_value());
+    EXPECT_EQ(FailuresInjected(), 1u);
+}
+
 TEST(FaultCounts, ResetDisarmsAndZeroes)
 {
     FailRoutine("ZwClose", STATUS_INVALID_HANDLE, Persistence::Persistent);

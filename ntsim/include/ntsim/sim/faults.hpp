@@ -48,6 +48,25 @@ void FailRoutine(std::string_view routine, NTSTATUS status, Persistence persiste
 void FailNthPoint(uint64_t n, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES,
                   Persistence persistence = Persistence::Once);
 
+// A set of failure points chosen by where they come from: pool allocations under any of tags, and
+// calls of any of routines. A sweep of one component's work names the component's pool tag, the
+// platform routines it calls and the tags under which those routines allocate what they hand it, so
+// that the platform's own work around it (the I/O manager's allocations for the same request) is
+// never failed.
+struct PointSet {
+    std::vector<ULONG> tags;
+    std::vector<std::string> routines;
+
+    bool HoldsAllocation(ULONG tag) const;
+    bool HoldsRoutine(std::string_view routine) const;
+};
+
+// Fail the n-th failure point of set from now (n >= 1), or that one and every later one of the set:
+// an allocation returns null, a routine returns status. Points outside the set pass and aren't
+// counted. The rule counts every point of its set, also one that an earlier rule fails.
+void FailNthPointOf(PointSet set, uint64_t n, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES,
+                    Persistence persistence = Persistence::Once);
+
 // Counts since the last Reset.
 uint64_t PointsPassed();       // failure points of every kind
 uint64_t AllocationsPassed();  // pool allocation points
