@@ -10,6 +10,8 @@
 #include <ntsim/sim/verifier.hpp>
 
 #include <algorithm>
+#include <deque>
+#include <vector>
 
 namespace ntsim::ports {
 
@@ -60,16 +62,31 @@ bool IsEnded(Connection& connection)
 
 bool EndConnection(Connection& connection)
 {
+    // Every thread that waits on the connection: the readers, and the senders of the messages not
+    // yet taken or not yet answered (a sender whose message was taken without a reply buffer is
+    // done already).
+    std::deque<std::shared_ptr<Connection::Reader>> readers;
+    std::vector<std::shared_ptr<Message>> senders;
     {
         std::lock_guard lock(connection.mutex);
         if (connection.ended) {
             return false;
         }
         connection.ended = true;
+        readers = connection.readers;  // each reader leaves the list itself
+        senders.assign(connection.queue.begin(), connection.queue.end());
+        for (auto& [id, message] : connection.awaitingReply) {
+            senders.push_back(std::move(message));
+        }
         connection.queue.clear();
         connection.awaitingReply.clear();
     }
-    connection.changed.notify_all();
+    for (const auto& reader : readers) {
+        reader->wake.notify_one();
+    }
+    for (const auto& message : senders) {
+        message->settled.notify_one();
+    }
     Registry& registry = GetRegistry();
     std::lock_guard lock(registry.mutex);
     --connection.server->connections;

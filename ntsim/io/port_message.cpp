@@ -105,7 +105,7 @@ NTSTATUS ConnectionForHeaderBuffer(HANDLE handle, const void* buffer, ULONG size
 
 }  // namespace
 
-void WakeAllConnections()
+void WakeSendersOfThread(HANDLE threadId)
 {
     std::vector<std::shared_ptr<Connection>> connections;
     {
@@ -115,10 +115,24 @@ void WakeAllConnections()
             connections.push_back(connection);
         }
     }
+    // A waiting sender's message is queued or awaits its reply. Looking under the connection's
+    // mutex orders the wake after the sender's last test of its condition.
+    std::vector<std::shared_ptr<Message>> senders;
     for (const auto& connection : connections) {
-        // Taking the mutex orders the wake after any waiter's test of its condition.
-        { std::lock_guard lock(connection->mutex); }
-        connection->changed.notify_all();
+        std::lock_guard lock(connection->mutex);
+        for (const auto& message : connection->queue) {
+            if (message->sender == threadId) {
+                senders.push_back(message);
+            }
+        }
+        for (const auto& [id, message] : connection->awaitingReply) {
+            if (message->sender == threadId) {
+                senders.push_back(message);
+            }
+        }
+    }
+    for (const auto& message : senders) {
+        message->settled.notify_one();
     }
 }
 
@@ -132,7 +146,7 @@ void TerminateWaits(HANDLE threadId, unsigned waits)
         std::lock_guard lock(terminations.mutex);
         terminations.pending[threadId] += waits;
     }
-    WakeAllConnections();
+    WakeSendersOfThread(threadId);
 }
 
 unsigned PendingTerminations(HANDLE threadId)
@@ -179,21 +193,24 @@ NTSTATUS GetPortMessage(HANDLE handle, void* buffer, ULONG size)
             connection->queue.pop_front();
             TakeMessage(*connection, message);
         } else {
-            Connection::Reader reader;
-            connection->readers.push_back(&reader);
-            clock::WaitUntil(lock, connection->changed, clock::kNever,
-                             [&] { return reader.message != nullptr || connection->ended; });
-            auto self = std::find(connection->readers.begin(), connection->readers.end(), &reader);
+            auto reader = std::make_shared<Connection::Reader>();
+            connection->readers.push_back(reader);
+            clock::WaitUntil(lock, reader->wake, clock::kNever,
+                             [&] { return reader->message != nullptr || connection->ended; });
+            // A sender that handed over its message took the reader off the list already.
+            auto self = std::find(connection->readers.begin(), connection->readers.end(), reader);
             if (self != connection->readers.end()) {
                 connection->readers.erase(self);
             }
-            if (reader.message == nullptr) {
+            if (reader->message == nullptr) {
                 return STATUS_CANCELLED;  // the connection ended during the wait
             }
-            message = std::move(reader.message);
+            message = std::move(reader->message);
         }
     }
-    connection->changed.notify_all();  // a sender without a reply buffer is done
+    if (message->reply == nullptr) {
+        message->settled.notify_one();  // its sender waited for the take only
+    }
 
     // FILTER_MESSAGE_HEADER, then as much of the message as fits.
     auto* bytes = static_cast<UCHAR*>(buffer);
@@ -221,6 +238,7 @@ NTSTATUS ReplyPortMessage(HANDLE handle, const void* buffer, ULONG size)
     std::memcpy(&id, bytes + kMessageIdOffset, sizeof(id));
     const ULONG offered = size - kHeaderSize;
     bool cut;
+    std::shared_ptr<Message> answered;
     {
         std::lock_guard lock(connection->mutex);
         if (connection->ended) {
@@ -238,9 +256,10 @@ NTSTATUS ReplyPortMessage(HANDLE handle, const void* buffer, ULONG size)
         message.replyLength = delivered;
         message.state = Message::State::Replied;
         cut = offered > message.replyCapacity;
+        answered = std::move(it->second);
         connection->awaitingReply.erase(it);
     }
-    connection->changed.notify_all();
+    answered->settled.notify_one();
     return cut ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 
@@ -286,6 +305,7 @@ NTSTATUS FLTAPI FltSendMessage(PFLT_FILTER Filter, PFLT_PORT* ClientPort, PVOID 
     }
     message->reply = ReplyBuffer;
     message->replyCapacity = ReplyBuffer != nullptr ? *ReplyLength : 0;
+    message->sender = thread;
     const LONGLONG deadline = clock::DeadlineFromTimeout(Timeout);
 
     std::unique_lock lock(connection->mutex);
@@ -296,21 +316,27 @@ NTSTATUS FLTAPI FltSendMessage(PFLT_FILTER Filter, PFLT_PORT* ClientPort, PVOID 
         return STATUS_THREAD_IS_TERMINATING;
     }
     if (!connection->readers.empty()) {
-        Connection::Reader* reader = connection->readers.front();
+        std::shared_ptr<Connection::Reader> reader = std::move(connection->readers.front());
         connection->readers.pop_front();
         reader->message = message;
         TakeMessage(*connection, message);
+        // The reader is woken with the mutex free, so that it does not wait for this thread's wait.
+        lock.unlock();
+        reader->wake.notify_one();
+        if (ReplyBuffer == nullptr) {
+            return STATUS_SUCCESS;  // delivered
+        }
+        lock.lock();
     } else {
         connection->queue.push_back(message);
     }
-    connection->changed.notify_all();
 
     auto finished = [&] {
         return message->state == Message::State::Replied ||
                (ReplyBuffer == nullptr && message->state == Message::State::Delivered) || connection->ended ||
                TerminationPending(thread);
     };
-    clock::WaitUntil(lock, connection->changed, deadline, finished);
+    clock::WaitUntil(lock, message->settled, deadline, finished);
 
     if (message->state == Message::State::Replied) {
         *ReplyLength = message->replyLength;

@@ -4,6 +4,12 @@
 //
 // Locks: the registry's mutex, then a connection's mutex; never the other way round, and no
 // notification of a filter is called with either held.
+//
+// Waits: every waiting thread has a condition variable of its own (a sender its message's, a
+// FilterGetMessage its reader's), used with the connection's mutex, and a change wakes only the
+// threads it concerns: a reply or a take wakes the message's sender, a message handed over wakes
+// its reader, the connection's end wakes every reader and every sender of a message in flight, a
+// termination the senders of that thread.
 #pragma once
 
 #include <fltKernel.h>
@@ -63,6 +69,10 @@ struct Message {
     ULONG replyCapacity = 0;
     ULONG replyLength = 0;  // bytes that arrived
     State state = State::Queued;
+    HANDLE sender = nullptr;  // the sending thread's id
+    // The sender waits on it (with the connection's mutex) for its message to be taken or answered,
+    // the connection to end or its thread to be terminated.
+    std::condition_variable_any settled;
 };
 
 // A connection, seen by the filter as its client port.
@@ -76,18 +86,22 @@ struct Connection : _FLT_PORT {
     PVOID cookie = nullptr;  // set by the connect notification, before any client can use it
 
     std::mutex mutex;
-    std::condition_variable_any changed;  // notified on every change below
     // Under mutex.
     bool ended = false;          // no traffic any more: the client left, the filter closed it or unregistered
     bool clientClosed = false;   // the client's last handle is closed
     bool disconnectDue = false;  // the disconnect notification is claimed: it runs at most once
+    // Messages not yet taken, oldest first. A sender only queues when no reader waits, so the queue
+    // and the readers are never both non-empty.
     std::deque<std::shared_ptr<Message>> queue;
     // FilterGetMessage calls waiting for a message, first come first served; a sender hands its
-    // message straight to the first of them.
+    // message straight to the first of them and wakes that one only. Shared, so that a notifier may
+    // wake it after letting go of the mutex.
     struct Reader {
         std::shared_ptr<Message> message;
+        std::condition_variable_any wake;  // a message was handed over, or the connection ended
     };
-    std::deque<Reader*> readers;
+    std::deque<std::shared_ptr<Reader>> readers;
+    // Messages taken whose senders wait for a reply, by id.
     std::map<ULONGLONG, std::shared_ptr<Message>> awaitingReply;
 };
 
@@ -103,15 +117,17 @@ bool PortNamesEqual(std::u16string_view a, std::u16string_view b);
 // Whether the calling thread's token may connect to server (FLT_PORT_CONNECT by its DACL).
 bool MayConnect(const ServerPort& server);
 
-// Ends a connection: no traffic from now on, every waiter wakes, messages in flight are dropped,
-// and its place among the server's connections is freed. True when this call ended it.
+// Ends a connection: no traffic from now on, messages in flight are dropped, every waiter wakes
+// (each reader, and the sender of each message in flight), and its place among the server's
+// connections is freed. True when this call ended it.
 bool EndConnection(Connection& connection);
 // Claims the one disconnect notification of a connection; true when the caller must run it.
 bool ClaimDisconnect(Connection& connection);
 void RunDisconnectNotify(Connection& connection);
 
-// Wakes every live connection's waiters (a thread termination was requested).
-void WakeAllConnections();
+// Wakes the FltSendMessage waits of the thread threadId on every connection (its termination was
+// requested).
+void WakeSendersOfThread(HANDLE threadId);
 
 // ---- system services of the user-mode filter library ----
 // These run in the calling simulated thread; buffers are in the calling process's user memory.
