@@ -63,36 +63,10 @@ private:
     std::thread thread_;
 };
 
-class PortMessageTest : public PortFixture {
+class PortMessageTest : public ConnectedPortFixture {
 protected:
-    void SetUp() override
-    {
-        PortFixture::SetUp();
-        Load();
-        AttachToService();
-        ASSERT_EQ(ConnectService(&port_), S_OK);
-    }
-    void TearDown() override
-    {
-        if (port_ != nullptr) {
-            EXPECT_TRUE(CloseHandle(port_));
-        }
-        PortFixture::TearDown();
-    }
-
     // Takes one message into a fresh heap buffer of `size` bytes.
     HRESULT Get(UserBuffer& buffer) { return FilterGetMessage(port_, buffer.as<FILTER_MESSAGE_HEADER>(), buffer.size(), nullptr); }
-
-    HRESULT Reply(ULONGLONG id, const std::vector<UCHAR>& bytes, NTSTATUS status = STATUS_SUCCESS)
-    {
-        UserBuffer reply(sizeof(FILTER_REPLY_HEADER) + bytes.size());
-        reply.as<FILTER_REPLY_HEADER>()->Status = status;
-        reply.as<FILTER_REPLY_HEADER>()->MessageId = id;
-        std::copy(bytes.begin(), bytes.end(), reply.data() + sizeof(FILTER_REPLY_HEADER));
-        return FilterReplyMessage(port_, reply.as<FILTER_REPLY_HEADER>(), reply.size());
-    }
-
-    HANDLE port_ = nullptr;
 };
 
 TEST_F(PortMessageTest, MessageAndReplyCarryThePublishedHeadersByteForByte)

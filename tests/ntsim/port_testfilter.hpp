@@ -14,6 +14,7 @@
 #include <ntsim/sim/ports.hpp>
 #include <ntsim/sim/process.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -277,6 +278,37 @@ public:
 private:
     size_t size_;
     UCHAR* bytes_;
+};
+
+// The loaded test filter with the service connected on one port, and the service's reply.
+class ConnectedPortFixture : public PortFixture {
+protected:
+    void SetUp() override
+    {
+        PortFixture::SetUp();
+        Load();
+        AttachToService();
+        ASSERT_EQ(ConnectService(&port_), S_OK);
+    }
+    void TearDown() override
+    {
+        if (port_ != nullptr) {
+            EXPECT_TRUE(CloseHandle(port_));
+        }
+        PortFixture::TearDown();
+    }
+
+    // Replies to message id with FILTER_REPLY_HEADER (status) followed by bytes.
+    HRESULT Reply(ULONGLONG id, const std::vector<UCHAR>& bytes, NTSTATUS status = STATUS_SUCCESS)
+    {
+        UserBuffer reply(sizeof(FILTER_REPLY_HEADER) + bytes.size());
+        reply.as<FILTER_REPLY_HEADER>()->Status = status;
+        reply.as<FILTER_REPLY_HEADER>()->MessageId = id;
+        std::copy(bytes.begin(), bytes.end(), reply.data() + sizeof(FILTER_REPLY_HEADER));
+        return FilterReplyMessage(port_, reply.as<FILTER_REPLY_HEADER>(), reply.size());
+    }
+
+    HANDLE port_ = nullptr;
 };
 
 template <typename T>

@@ -57,23 +57,8 @@ private:
     std::unique_ptr<ntsim::SimulatedThread> thread_;  // last: joined before the rest goes
 };
 
-class PortWaitTest : public PortFixture {
+class PortWaitTest : public ConnectedPortFixture {
 protected:
-    void SetUp() override
-    {
-        PortFixture::SetUp();
-        Load();
-        AttachToService();
-        ASSERT_EQ(ConnectService(&port_), S_OK);
-    }
-    void TearDown() override
-    {
-        if (port_ != nullptr) {
-            EXPECT_TRUE(CloseHandle(port_));
-        }
-        PortFixture::TearDown();
-    }
-
     // Takes one message; returns its id and (in *tag) its one byte.
     ULONGLONG Take(UCHAR* tag)
     {
@@ -83,16 +68,7 @@ protected:
         return ReadAt<ULONGLONG>(message.data(), 8);
     }
 
-    HRESULT Reply(ULONGLONG id, UCHAR byte)
-    {
-        UserBuffer reply(sizeof(FILTER_REPLY_HEADER) + 1);
-        reply.as<FILTER_REPLY_HEADER>()->Status = STATUS_SUCCESS;
-        reply.as<FILTER_REPLY_HEADER>()->MessageId = id;
-        reply.data()[sizeof(FILTER_REPLY_HEADER)] = byte;
-        return FilterReplyMessage(port_, reply.as<FILTER_REPLY_HEADER>(), reply.size());
-    }
-
-    HANDLE port_ = nullptr;
+    HRESULT Reply(ULONGLONG id, UCHAR byte) { return ConnectedPortFixture::Reply(id, {byte}); }
 };
 
 TEST_F(PortWaitTest, WaitingReadersTakeMessagesInTheOrderTheyBeganToWait)
