@@ -15,7 +15,8 @@
 #include "trace.h"
 
 // The name that the service gives the dummy files to which attribute-only opens are sent.
-#define DUMMY_FILE_TEXT L"vm_redirected_a2210125-0016-41ce-b6e7-495eee531977"
+static const UNICODE_STRING g_DummyFileText =
+    RTL_CONSTANT_STRING(L"vm_redirected_a2210125-0016-41ce-b6e7-495eee531977");
 
 // Room for the process image name of the blacklist test.
 #define PROCESS_IMAGE_NAME_CAPACITY 260
@@ -61,7 +62,6 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     NTSTATUS status;
     PIO_SECURITY_CONTEXT pSecurityContext = Data->Iopb->Parameters.Create.SecurityContext;
     ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
-    UNICODE_STRING dummyFileText;
 
     // 1. Pass-through mode: the service has gone, and nothing is looked at.
     if (g_PassThrough) {
@@ -114,7 +114,6 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     }
 
     // 9. Classification: the first class that fits.
-    RtlInitUnicodeString(&dummyFileText, DUMMY_FILE_TEXT);
     if (IsManagedPath(pstrSid, pstrPath, &bReadOnly)) {
         // 9.1 The caller's own merge folder. A process whose name can't be had is managed.
         pstrImageName = CreateUnicodeString(POOL_SELECTOR_PAGED, PROCESS_IMAGE_NAME_CAPACITY);
@@ -123,7 +122,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
             TRACE_INFO("Ignoring blacklisted process [%wZ]", pstrImageName);
             goto Exit;
         }
-    } else if (FindUnicodeSubstring(pstrPath, &dummyFileText, FALSE) >= 0) {
+    } else if (FindUnicodeSubstring(pstrPath, &g_DummyFileText, FALSE) >= 0) {
         // 9.2 A dummy file: the redirection of attribute-only opens makes and consumes these paths.
     } else if ((pstrOwnerSid = FindMergeFolderOwner(pstrPath)) != nullptr) {
         // 9.3 Another user's merge folder: local content only, under the owner's SID.
