@@ -3,6 +3,7 @@
 #include "iomgr.hpp"
 
 #include <ntsim/sim/etw.hpp>
+#include <ntsim/sim/object.hpp>
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/ports.hpp>
 #include <ntsim/sim/text.hpp>
@@ -39,7 +40,7 @@ LoadedDriver* FindDriver(PDRIVER_OBJECT driver)
 LoadedDriver* FindDriverByName(std::u16string_view name)
 {
     for (const auto& loaded : GetRegistry().drivers) {
-        if (NamesEqual(loaded->options.name, name)) {
+        if (ob::ObjectNamesEqual(loaded->options.name, name)) {
             return loaded.get();
         }
     }
@@ -199,7 +200,7 @@ NTSTATUS DetachFilter(std::u16string_view filterName, std::u16string_view device
     {
         std::lock_guard lock(GetRegistry().mutex);
         for (const auto& candidate : volume->instances) {
-            if (NamesEqual(candidate->filter->name, filterName)) {
+            if (ob::ObjectNamesEqual(candidate->filter->name, filterName)) {
                 instance = candidate;
             }
         }

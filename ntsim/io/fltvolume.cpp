@@ -22,12 +22,6 @@ std::map<const _FLT_VOLUME*, ob::SymbolicLink>& DriveLinks()
     return *links;
 }
 
-char16_t Upcase(char16_t c)
-{
-    WCHAR w = static_cast<WCHAR>(c);
-    return static_cast<char16_t>(RtlUpcaseUnicodeChar(w));
-}
-
 }  // namespace
 
 Registry& GetRegistry()
@@ -36,22 +30,9 @@ Registry& GetRegistry()
     return *registry;
 }
 
-bool NamesEqual(std::u16string_view a, std::u16string_view b)
-{
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (Upcase(a[i]) != Upcase(b[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool NameHasPrefix(std::u16string_view name, std::u16string_view prefix)
 {
-    return name.size() >= prefix.size() && NamesEqual(name.substr(0, prefix.size()), prefix);
+    return name.size() >= prefix.size() && ob::ObjectNamesEqual(name.substr(0, prefix.size()), prefix);
 }
 
 std::shared_ptr<_FLT_VOLUME> FindVolumeByDeviceName(std::u16string_view deviceName)
@@ -59,7 +40,7 @@ std::shared_ptr<_FLT_VOLUME> FindVolumeByDeviceName(std::u16string_view deviceNa
     Registry& registry = GetRegistry();
     std::lock_guard lock(registry.mutex);
     for (const auto& volume : registry.volumes) {
-        if (NamesEqual(volume->deviceName, deviceName)) {
+        if (ob::ObjectNamesEqual(volume->deviceName, deviceName)) {
             return volume;
         }
     }

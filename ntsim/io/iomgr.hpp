@@ -103,8 +103,7 @@ struct Registry {
 };
 Registry& GetRegistry();
 
-// Case-insensitive comparison of names in the object namespace.
-bool NamesEqual(std::u16string_view a, std::u16string_view b);
+// Whether name begins with prefix, compared as object names are (ob::ObjectNamesEqual).
 bool NameHasPrefix(std::u16string_view name, std::u16string_view prefix);
 
 std::shared_ptr<_FLT_VOLUME> FindVolumeByDeviceName(std::u16string_view deviceName);

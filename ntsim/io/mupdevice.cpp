@@ -55,7 +55,7 @@ bool SplitUncPath(std::u16string_view path, UncPath* unc)
 bool IsLoopbackServer(std::u16string_view server)
 {
     return std::any_of(std::begin(kLoopbackNames), std::end(kLoopbackNames),
-                       [&](std::u16string_view name) { return iomgr::NamesEqual(server, name); });
+                       [&](std::u16string_view name) { return ob::ObjectNamesEqual(server, name); });
 }
 
 // The path the server opens for a path on one of its shares: \??\X:\rest for the share X$.

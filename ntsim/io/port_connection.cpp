@@ -118,7 +118,7 @@ NTSTATUS ConnectToPort(std::u16string_view name, const void* context, USHORT siz
     {
         std::lock_guard lock(registry.mutex);
         for (const auto& [key, candidate] : registry.servers) {
-            if (PortNamesEqual(candidate->name, name)) {
+            if (ob::ObjectNamesEqual(candidate->name, name)) {
                 server = candidate;
             }
         }
@@ -277,7 +277,7 @@ size_t ConnectionCount(std::u16string_view serverPortName)
     std::lock_guard lock(registry.mutex);
     size_t count = 0;
     for (const auto& [key, connection] : registry.clients) {
-        if (PortNamesEqual(connection->server->name, serverPortName)) {
+        if (ob::ObjectNamesEqual(connection->server->name, serverPortName)) {
             count += IsEnded(*connection) ? 0 : 1;
         }
     }

@@ -112,8 +112,6 @@ struct Registry {
 };
 Registry& GetRegistry();
 
-// Case-insensitive comparison of object names.
-bool PortNamesEqual(std::u16string_view a, std::u16string_view b);
 // Whether the calling thread's token may connect to server (FLT_PORT_CONNECT by its DACL).
 bool MayConnect(const ServerPort& server);
 

@@ -3,6 +3,7 @@
 #include "port_objects.hpp"
 
 #include <ntsim/sim/faults.hpp>
+#include <ntsim/sim/object.hpp>
 #include <ntsim/sim/ports.hpp>
 #include <ntsim/sim/process.hpp>
 #include <ntsim/sim/text.hpp>
@@ -18,11 +19,6 @@ constexpr USHORT kDaclPresent = 0x0004;
 constexpr USHORT kSelfRelative = 0x8000;
 constexpr UCHAR kAccessAllowedAceType = 0;
 constexpr UCHAR kAccessDeniedAceType = 1;
-
-char16_t Upcase(char16_t c)
-{
-    return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - (u'a' - u'A')) : c;
-}
 
 template <typename T>
 T ReadAt(const UCHAR* bytes, size_t offset)
@@ -70,19 +66,6 @@ Registry& GetRegistry()
 {
     static Registry registry;
     return registry;
-}
-
-bool PortNamesEqual(std::u16string_view a, std::u16string_view b)
-{
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < a.size(); ++i) {
-        if (Upcase(a[i]) != Upcase(b[i])) {
-            return false;
-        }
-    }
-    return true;
 }
 
 bool MayConnect(const ServerPort& server)
@@ -153,7 +136,7 @@ NTSTATUS FLTAPI FltCreateCommunicationPort(PFLT_FILTER Filter, PFLT_PORT* Server
     Registry& registry = GetRegistry();
     std::lock_guard lock(registry.mutex);
     for (const auto& [key, other] : registry.servers) {
-        if (PortNamesEqual(other->name, server->name)) {
+        if (ob::ObjectNamesEqual(other->name, server->name)) {
             return STATUS_OBJECT_NAME_COLLISION;
         }
     }

@@ -53,7 +53,7 @@ std::u16string Upcase(std::u16string_view text)
 
 bool StartsWithNoCase(std::u16string_view text, std::u16string_view prefix)
 {
-    return text.size() >= prefix.size() && Upcase(text.substr(0, prefix.size())) == Upcase(prefix);
+    return text.size() >= prefix.size() && ObjectNamesEqual(text.substr(0, prefix.size()), prefix);
 }
 
 std::shared_ptr<LinkObject> Find(std::u16string_view name)
@@ -155,6 +155,19 @@ SymbolicLink CreateSymbolicLink(std::u16string_view name, std::u16string_view ta
     SymbolicLink registration;
     registration.name_ = std::u16string(name);
     return registration;
+}
+
+bool ObjectNamesEqual(std::u16string_view a, std::u16string_view b)
+{
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (RtlUpcaseUnicodeChar(static_cast<WCHAR>(a[i])) != RtlUpcaseUnicodeChar(static_cast<WCHAR>(b[i]))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 std::optional<std::u16string> SymbolicLinkTarget(std::u16string_view name)

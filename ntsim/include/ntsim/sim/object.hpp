@@ -18,7 +18,7 @@
 // (OBJ_KERNEL_HANDLE, kernel mode only) have the high bits set (0xFFFFFFFF80000004 on), as on
 // 64-bit Windows, and are valid only for kernel-mode callers.
 //
-// Names of the namespace (symbolic links) compare without regard to case.
+// Names of the namespace compare without regard to case (ObjectNamesEqual).
 #pragma once
 
 #include <ntsim/ob.h>
@@ -166,5 +166,10 @@ std::optional<std::u16string> SymbolicLinkTarget(std::u16string_view name);
 // STATUS_OBJECT_PATH_SYNTAX_BAD for a path that is not absolute, STATUS_OBJECT_PATH_NOT_FOUND when
 // a \??\ component names no link, STATUS_REPARSE_POINT_NOT_RESOLVED after 32 substitutions (a loop).
 NTSTATUS ResolveSymbolicLinks(std::u16string_view path, std::u16string* resolved);
+
+// Whether two object names are the same name: without regard to case, by the system's upcase
+// table (RtlUpcaseUnicodeChar), as the object manager compares every name of its namespace
+// (links, devices, ports, filters).
+bool ObjectNamesEqual(std::u16string_view a, std::u16string_view b);
 
 }  // namespace ntsim::ob
