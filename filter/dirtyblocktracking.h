@@ -113,3 +113,33 @@ NTSTATUS WriteDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNIC
 // through the whole I/O stack. STATUS_INSUFFICIENT_RESOURCES, traced, when the stream's path can't
 // be built; else the status of the delete. IRQL: PASSIVE_LEVEL.
 NTSTATUS DeleteDirtyBlockADS(PCUNICODE_STRING pPath);
+
+// ---- the block map (blockmap.cpp) ----
+
+// Marks the blocks of a write of ulLength bytes at llOffset: from the block of its first byte to
+// the block of the byte just past it, so a write ending on a block boundary marks the next block
+// too, and a write of length 0 marks one block. The map grows to hold the last block. Each bit
+// that goes from clear to set adds 1 to dirtyBlockCount. With no memory to grow the map nothing is
+// marked. An offset the map can't place (below 0, the special values for the end of file and the
+// current position; or a range reaching 2^44 bytes) marks the whole map and sets bTrackingFailed.
+// Nothing reaches the write's caller. IRQL: <= DISPATCH_LEVEL; takes the record's lock.
+VOID MarkBlockDirty(TrackedDirtyBlockFile* pRecord, LONGLONG llOffset, ULONG ulLength);
+
+// Follows a change of the end of file from llOldEndOfFile to llNewEndOfFile. Growing marks the
+// old last block and every new one; shrinking, or a change within one block, adds the number of
+// blocks cut off to dirtyBlockCount and changes no bit. The map grows to hold the new last block,
+// and nothing changes when it can't. A negative end of file, which the file system refuses,
+// changes nothing; one at 2^44 bytes or beyond marks the whole map and sets bTrackingFailed.
+// IRQL: <= DISPATCH_LEVEL; takes the record's lock.
+VOID DirtyBlockSetEOF(TrackedDirtyBlockFile* pRecord, LONGLONG llOldEndOfFile, LONGLONG llNewEndOfFile);
+
+// Grows the map, zero-filled, to twice ulByteIndex when ulByteIndex is not inside it.
+// STATUS_INSUFFICIENT_RESOURCES with the map unchanged when there is no memory. The caller holds
+// the record's lock. IRQL: <= DISPATCH_LEVEL.
+NTSTATUS ResizeMap(TrackedDirtyBlockFile* pRecord, ULONG ulByteIndex);
+
+// Marks the blocks ulFirstBlock to ulLastBlock, both included (nothing when the first is greater),
+// counting each bit that was clear. A block past the map stops the marking with
+// STATUS_BUFFER_OVERFLOW; the blocks before it stay marked. The caller holds the record's lock.
+// IRQL: <= DISPATCH_LEVEL.
+NTSTATUS MarkBlocksDirty(TrackedDirtyBlockFile* pRecord, ULONG ulFirstBlock, ULONG ulLastBlock);
