@@ -114,6 +114,13 @@ NTSTATUS WriteDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNIC
 // be built; else the status of the delete. IRQL: PASSIVE_LEVEL.
 NTSTATUS DeleteDirtyBlockADS(PCUNICODE_STRING pPath);
 
+// Writes a copy of a shared record's map, taken under its lock, to the stream of the file at
+// pPath as WriteDirtyBlockMap does: the record goes on being marked meanwhile. For the saves made
+// while the record has holders (the cleanup of one open). STATUS_INSUFFICIENT_RESOURCES, with
+// nothing written, when the copy can't be made. IRQL: PASSIVE_LEVEL.
+NTSTATUS WriteStableDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNICODE_STRING pPath,
+                                  TrackedDirtyBlockFile* pRecord);
+
 // ---- the block map (blockmap.cpp) ----
 
 // Marks the blocks of a write of ulLength bytes at llOffset: from the block of its first byte to
