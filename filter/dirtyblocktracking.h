@@ -150,3 +150,25 @@ NTSTATUS ResizeMap(TrackedDirtyBlockFile* pRecord, ULONG ulByteIndex);
 // STATUS_BUFFER_OVERFLOW; the blocks before it stay marked. The caller holds the record's lock.
 // IRQL: <= DISPATCH_LEVEL.
 NTSTATUS MarkBlocksDirty(TrackedDirtyBlockFile* pRecord, ULONG ulFirstBlock, ULONG ulLastBlock);
+
+// ---- the service's queries (queries.cpp) ----
+
+// Control message REQUEST_DIRTY_BLOCK_MAP: the map of the file whose device path the message
+// carries (open or not: a record is loaded for the query when there is none), copied into the
+// reply and cleared with the count and the flag in one step under the record's lock, so that
+// every write lands either in the reply or in the cleared map; the stream then says the same.
+// pMessage is the service's memory, ulMessageLength bytes, read under a guard; the path must end
+// with a zero character inside the message. pOutput is a zeroed kernel buffer of ulOutputLength
+// bytes; *pulReplyLength gets the reply's length (the map's length + 12). STATUS_BUFFER_TOO_SMALL
+// with nothing changed when the map doesn't fit; STATUS_INVALID_PARAMETER for a message without a
+// whole path; STATUS_INSUFFICIENT_RESOURCES without memory for the path; else the status of
+// finding the volume or the record. IRQL: PASSIVE_LEVEL.
+NTSTATUS RequestDirtyBlockMap(PVOID pMessage, ULONG ulMessageLength, PVOID pOutput, ULONG ulOutputLength,
+                              PULONG pulReplyLength);
+
+// Control message REQUEST_DIRTY_BLOCK_COUNT: the count and the flag of the file (an 8-byte reply).
+// With bReset the map and the count are cleared in the same step, the flag kept, and the stream
+// written as for a map query; without it nothing changes. Results as for RequestDirtyBlockMap.
+// IRQL: PASSIVE_LEVEL.
+NTSTATUS RequestDirtyBlockCount(PVOID pMessage, ULONG ulMessageLength, PVOID pOutput, ULONG ulOutputLength,
+                                PULONG pulReplyLength);
