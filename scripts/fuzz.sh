@@ -22,19 +22,8 @@ if ! [[ "$seconds" =~ ^[0-9]+$ ]] || [ "$seconds" -eq 0 ]; then
   exit 2
 fi
 
-bash scripts/install-deps.sh
 # clang and its run-time library, which carries libFuzzer and the sanitizers' run-times.
-packages=(clang libclang-rt-dev)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  SUDO=""
-  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}"
-fi
+bash scripts/install-deps.sh clang libclang-rt-dev
 
 # Optimized as fuzzers are (-O1), with line tables enough for symbolized reports and cheaper to
 # build than full debug information.
