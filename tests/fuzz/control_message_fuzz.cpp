@@ -16,7 +16,7 @@
 // Lengths are cut to what the input holds. With kLinkFolderBlock a message long enough to carry
 // pFolderBlock gets the folder block's address there, so SetConfiguration reads the fuzzed records;
 // without it the message's own eight bytes stand, an address the service mostly doesn't own. With
-// kCompactConfiguration the message bytes are a compact spec of a SetConfiguration message and its
+// kCompactConfiguration the message bytes are a compact description of a SetConfiguration message and its
 // records (BuildConfiguration), linked as with kLinkFolderBlock. A buffer "not owned" is a block
 // the service has freed: the filter's probe must refuse it, and a touch past the probe is a use
 // after free.
@@ -266,43 +266,43 @@ void CheckTableAndBlacklist()
     }
 }
 
-// Fills a text field of fieldChars from a text spec: u16 length (cut to the field), u8 count of
+// Fills a text field of fieldChars from a text description: u16 length (cut to the field), u8 count of
 // characters given, the characters; the given ones start the text and the last of them (or 'A')
 // fills it to its length. A length of the whole field leaves it without a terminator.
-void ReadTextField(InputReader& spec, uint16_t* field, size_t fieldChars)
+void ReadTextField(InputReader& description, uint16_t* field, size_t fieldChars)
 {
-    const size_t length = std::min<size_t>(spec.Read<uint16_t>(), fieldChars);
-    const uint8_t given = spec.Read<uint8_t>();
+    const size_t length = std::min<size_t>(description.Read<uint16_t>(), fieldChars);
+    const uint8_t given = description.Read<uint8_t>();
     uint16_t character = u'A';
     for (size_t index = 0; index < length; index++) {
         if (index < given) {
-            character = spec.Read<uint16_t>();
+            character = description.Read<uint16_t>();
         }
         field[index] = character;
     }
 }
 
-// A SetConfiguration message and its folder block from a compact spec, so that the fuzzer's
+// A SetConfiguration message and its folder block from a compact description, so that the fuzzer's
 // mutations land on what the handler decides by rather than on kilobytes of text fields:
-//     u32 ConfigVersion, u32 FolderCount (as sent, whatever the records), a text spec of the
-//     blacklist, then records while the spec lasts (at most one more than the handler takes):
-//     u8 bReadOnly, a text spec of the SID, a text spec of the path.
-void BuildConfiguration(InputReader spec, std::vector<uint8_t>& message, std::vector<uint8_t>& block)
+//     u32 ConfigVersion, u32 FolderCount (as sent, whatever the records), a text description of the
+//     blacklist, then records while the description lasts (at most one more than the handler takes):
+//     u8 bReadOnly, a text description of the SID, a text description of the path.
+void BuildConfiguration(InputReader description, std::vector<uint8_t>& message, std::vector<uint8_t>& block)
 {
     message.assign(sizeof(SetConfigurationMessage), 0);
     auto* configuration = reinterpret_cast<SetConfigurationMessage*>(message.data());
     configuration->Code = CONTROL_SET_CONFIGURATION;
-    configuration->ConfigVersion = spec.Read<uint32_t>();
-    const auto folderCount = spec.Read<uint32_t>();
-    ReadTextField(spec, configuration->ProcessBlacklist, CONFIGURATION_BLACKLIST_CHARS);
+    configuration->ConfigVersion = description.Read<uint32_t>();
+    const auto folderCount = description.Read<uint32_t>();
+    ReadTextField(description, configuration->ProcessBlacklist, CONFIGURATION_BLACKLIST_CHARS);
 
     std::vector<MergeFolderRecord> records;
-    while (spec.Remaining() != 0 && records.size() <= CONFIGURATION_MAX_FOLDERS) {
+    while (description.Remaining() != 0 && records.size() <= CONFIGURATION_MAX_FOLDERS) {
         MergeFolderRecord& record = records.emplace_back();
         std::memset(&record, 0, sizeof(record));
-        record.bReadOnly = spec.Read<uint8_t>();
-        ReadTextField(spec, record.Sid, CONFIGURATION_SID_CHARS);
-        ReadTextField(spec, record.FolderPath, CONFIGURATION_PATH_CHARS);
+        record.bReadOnly = description.Read<uint8_t>();
+        ReadTextField(description, record.Sid, CONFIGURATION_SID_CHARS);
+        ReadTextField(description, record.FolderPath, CONFIGURATION_PATH_CHARS);
     }
     block.assign(FIELD_OFFSET(MergeFolderBlock, Folders) + records.size() * sizeof(MergeFolderRecord), 0);
     std::memcpy(block.data(), &folderCount, sizeof(folderCount));
