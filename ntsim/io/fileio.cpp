@@ -1,5 +1,6 @@
 // Operations on open files: read, write, query and set information, directory queries, EAs and
 // flushes, as the native API, the Filter Manager's I/O below a filter, and the test-issued forms.
+// The cache's write-back is in cachemanager.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/process.hpp>
@@ -33,18 +34,74 @@ bool UsesFilePosition(const LARGE_INTEGER* offset)
     return offset == nullptr || (offset->HighPart == -1 && offset->LowPart == FILE_USE_FILE_POINTER_POSITION);
 }
 
+// The IRP flags of a read or write. Paging I/O carries what the cache or memory manager says of it
+// (IRP_PAGING_IO, IRP_SYNCHRONOUS_PAGING_IO for a synchronous page write) and is always non-cached.
+// Any other I/O gets its kind, IRP_NOCACHE when the file object was opened without intermediate
+// buffering, and IRP_SYNCHRONOUS_API when the file object is synchronous (the I/O manager then waits
+// for the operation in the caller's thread).
+ULONG IrpFlagsOf(const ReadWrite& request)
+{
+    if ((request.irpFlags & IRP_PAGING_IO) != 0) {
+        return request.irpFlags | IRP_NOCACHE;
+    }
+    const ULONG fileObjectFlags = request.record->fileObject.Flags;
+    ULONG flags = request.irpFlags | (request.write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION);
+    if ((fileObjectFlags & FO_NO_INTERMEDIATE_BUFFERING) != 0) {
+        flags |= IRP_NOCACHE;
+    }
+    if ((fileObjectFlags & FO_SYNCHRONOUS_IO) != 0) {
+        flags |= IRP_SYNCHRONOUS_API;
+    }
+    return flags;
+}
+
+// The file system's part of a write: at the end of file for FILE_WRITE_TO_END_OF_FILE; a paging
+// write never moves the end of file, so it is cut there (and one wholly past it writes nothing).
+// A cached write leaves the pages it changed dirty in the file object's cache.
+NTSTATUS WriteToVolume(FileObjectRecord* record, const FLT_IO_PARAMETER_BLOCK& params, ULONG* transferred)
+{
+    Volume& volume = *record->volume->volume;
+    const auto& write = params.Parameters.Write;
+    const bool toEnd = write.ByteOffset.HighPart == -1 && write.ByteOffset.LowPart == FILE_WRITE_TO_END_OF_FILE;
+    const bool paging = (params.IrpFlags & IRP_PAGING_IO) != 0;
+    LONGLONG at = write.ByteOffset.QuadPart;
+    ULONG length = write.Length;
+    if (toEnd || paging) {
+        FILE_STANDARD_INFORMATION standard{};
+        ULONG returned = 0;
+        NTSTATUS status =
+            volume.QueryInformation(*record->open, FileStandardInformation, &standard, sizeof(standard), &returned);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        const LONGLONG endOfFile = standard.EndOfFile.QuadPart;
+        if (toEnd) {
+            at = endOfFile;
+        } else if (at >= endOfFile) {
+            length = 0;
+        } else {
+            length = static_cast<ULONG>(std::min<LONGLONG>(length, endOfFile - at));
+        }
+    }
+    NTSTATUS status = volume.Write(*record->open, at, length, write.WriteBuffer, transferred);
+    if (NT_SUCCESS(status) && (params.IrpFlags & (IRP_PAGING_IO | IRP_NOCACHE)) == 0) {
+        MarkCachedPagesDirty(record, at, *transferred);
+    }
+    return status;
+}
+
 // One attempt of a read or write: as fast I/O or as an IRP.
 DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fastIo, IO_STATUS_BLOCK* ioStatus)
 {
     FileObjectRecord* record = request.record;
+    const bool paging = (request.irpFlags & IRP_PAGING_IO) != 0;
+    // Paging I/O comes from the system, in kernel mode, whoever's thread it runs in.
     CallbackFrame frame((fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION) |
                             (request.generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
-                        request.mode);
+                        paging ? static_cast<KPROCESSOR_MODE>(KernelMode) : request.mode);
     FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
     iopb.MajorFunction = request.write ? IRP_MJ_WRITE : IRP_MJ_READ;
-    iopb.IrpFlags = fastIo ? 0
-                           : request.irpFlags | (request.write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION) |
-                                 IRP_SYNCHRONOUS_API;
+    iopb.IrpFlags = fastIo ? 0 : IrpFlagsOf(request);
     iopb.TargetFileObject = &record->fileObject;
     if (request.write) {
         iopb.Parameters.Write.Length = request.length;
@@ -55,35 +112,21 @@ DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fas
         iopb.Parameters.Read.ByteOffset.QuadPart = offset;
         iopb.Parameters.Read.ReadBuffer = request.buffer;
     }
-    DispatchResult result = Dispatch(
-        *record->volume, request.below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-            const LARGE_INTEGER byteOffset =
-                request.write ? params.Parameters.Write.ByteOffset : params.Parameters.Read.ByteOffset;
-            const ULONG length = request.write ? params.Parameters.Write.Length : params.Parameters.Read.Length;
-            const bool pagingOrNoncached = (params.IrpFlags & (IRP_PAGING_IO | IRP_NOCACHE)) != 0;
+    const _FLT_INSTANCE* below = request.below != nullptr ? request.below : record->below.get();
+    DispatchResult result =
+        Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
             ULONG transferred = 0;
             NTSTATUS status;
             if (record->open == nullptr || record->closed) {
                 status = STATUS_FILE_CLOSED;
-            } else if (record->cleanedUp && !pagingOrNoncached) {
-                // After cleanup only the cache and memory managers' I/O may come.
+            } else if (record->cleanedUp && (params.IrpFlags & IRP_PAGING_IO) == 0) {
+                // After cleanup only the cache and memory managers' paging I/O may come.
                 status = STATUS_FILE_CLOSED;
             } else if (request.write) {
-                LONGLONG at = byteOffset.QuadPart;
-                status = STATUS_SUCCESS;
-                if (byteOffset.HighPart == -1 && byteOffset.LowPart == FILE_WRITE_TO_END_OF_FILE) {
-                    FILE_STANDARD_INFORMATION standard{};
-                    ULONG returned = 0;
-                    status = record->volume->volume->QueryInformation(*record->open, FileStandardInformation,
-                                                                      &standard, sizeof(standard), &returned);
-                    at = standard.EndOfFile.QuadPart;
-                }
-                if (NT_SUCCESS(status)) {
-                    status = record->volume->volume->Write(*record->open, at, length,
-                                                          params.Parameters.Write.WriteBuffer, &transferred);
-                }
+                status = WriteToVolume(record, params, &transferred);
             } else {
-                status = record->volume->volume->Read(*record->open, byteOffset.QuadPart, length,
+                status = record->volume->volume->Read(*record->open, params.Parameters.Read.ByteOffset.QuadPart,
+                                                      params.Parameters.Read.Length,
                                                       params.Parameters.Read.ReadBuffer, &transferred);
             }
             data.IoStatus.Status = status;
@@ -380,31 +423,6 @@ NTSTATUS QueryEaThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus
     return result.Status;
 }
 
-// IRP_MJ_ACQUIRE_FOR_CC_FLUSH or IRP_MJ_RELEASE_FOR_CC_FLUSH, a file system filter operation.
-NTSTATUS SendCcFlushCallback(FileObjectRecord* record, UCHAR major)
-{
-    CallbackFrame frame(FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION, ExGetPreviousMode());
-    frame.iopb.MajorFunction = major;
-    frame.iopb.TargetFileObject = &record->fileObject;
-    Dispatch(*record->volume, nullptr, frame, [](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK&) {
-        data.IoStatus.Status = STATUS_SUCCESS;
-        data.IoStatus.Information = 0;
-    });
-    return frame.data.IoStatus.Status;
-}
-
-// The cache manager's flush of one file: acquire, the file system's flush, release.
-NTSTATUS FlushCache(FileObjectRecord* record)
-{
-    NTSTATUS status = SendCcFlushCallback(record, IRP_MJ_ACQUIRE_FOR_CC_FLUSH);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    NTSTATUS flushed = record->open != nullptr ? record->volume->volume->Flush(*record->open) : STATUS_FILE_CLOSED;
-    SendCcFlushCallback(record, IRP_MJ_RELEASE_FOR_CC_FLUSH);
-    return flushed;
-}
-
 NTSTATUS FlushBuffersThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, KPROCESSOR_MODE mode)
 {
     CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
@@ -435,6 +453,23 @@ bool AsynchronousArguments(HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcCo
 }
 
 }  // namespace
+
+NTSTATUS SendPagingWrite(FileObjectRecord* record, LONGLONG offset, ULONG length, const void* buffer,
+                         ULONG irpFlags, ULONG* written)
+{
+    LARGE_INTEGER at;
+    at.QuadPart = offset;
+    ReadWrite request;
+    request.write = true;
+    request.record = record;
+    request.byteOffset = &at;
+    request.length = length;
+    request.buffer = const_cast<void*>(buffer);
+    request.irpFlags = irpFlags | IRP_PAGING_IO;
+    request.updatePosition = false;
+    request.mode = KernelMode;
+    return DoReadWrite(request, nullptr, written);
+}
 
 NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
                                       ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
@@ -649,11 +684,6 @@ NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS in
         *returned = static_cast<ULONG>(ioStatus.Information);
     }
     return status;
-}
-
-NTSTATUS IoFlushCache(PFILE_OBJECT fileObject)
-{
-    return FlushCache(RecordOf(fileObject));
 }
 
 }  // namespace ntsim
