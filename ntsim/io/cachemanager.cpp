@@ -7,8 +7,9 @@
 // Windows sends it: whole pages, as synchronous paging writes (IRP_PAGING_IO | IRP_NOCACHE |
 // IRP_SYNCHRONOUS_PAGING_IO) in kernel mode, carrying the bytes the volume holds. Each file object
 // keeps its own dirty pages and is the target of their write-back; a close forgets what was never
-// written back (the data is on the volume already). A write-back of pages past the end of file is
-// cut there by the file system, since paging I/O never moves the end.
+// written back (the data is on the volume already). When the end of file moves through a file
+// object, its pages wholly past the new end leave its cache unwritten; a write-back of another file
+// object's pages past the end is cut there by the file system, since paging I/O never moves the end.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/process.hpp>
@@ -110,6 +111,13 @@ void MarkCachedPagesDirty(FileObjectRecord* record, LONGLONG offset, ULONG lengt
     for (LONGLONG page = offset / kPageSize; page <= last; ++page) {
         record->dirtyPages.insert(page);
     }
+}
+
+void DropCachedPagesBeyond(FileObjectRecord* record, LONGLONG endOfFile)
+{
+    std::lock_guard lock(record->cacheMutex);
+    const LONGLONG firstBeyond = (endOfFile + kPageSize - 1) / kPageSize;
+    record->dirtyPages.erase(record->dirtyPages.lower_bound(firstBeyond), record->dirtyPages.end());
 }
 
 NTSTATUS FlushCache(FileObjectRecord* record)

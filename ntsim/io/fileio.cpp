@@ -1,6 +1,6 @@
-// Operations on open files: read, write, query and set information, directory queries, EAs and
-// flushes, as the native API, the Filter Manager's I/O below a filter, and the test-issued forms.
-// The cache's write-back is in cachemanager.cpp.
+// Operations on open files: read, write, query information, directory queries, EAs and flushes, as
+// the native API, the Filter Manager's I/O below a filter, and the test-issued forms. Set
+// information is in setinformation.cpp, the cache's write-back in cachemanager.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/process.hpp>
@@ -207,129 +207,6 @@ ACCESS_MASK AccessToQuery(FILE_INFORMATION_CLASS infoClass)
     default:
         return 0;
     }
-}
-
-ACCESS_MASK AccessToSet(FILE_INFORMATION_CLASS infoClass)
-{
-    switch (infoClass) {
-    case FileBasicInformation:
-        return FILE_WRITE_ATTRIBUTES;
-    case FileRenameInformation:
-    case FileDispositionInformation:
-    case FileDispositionInformationEx:
-        return DELETE;
-    case FileEndOfFileInformation:
-    case FileAllocationInformation:
-        return FILE_WRITE_DATA;
-    default:
-        return 0;
-    }
-}
-
-// A set-information request on a file object, with the target of a rename or link resolved.
-NTSTATUS SetInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, HANDLE handle,
-                                    PVOID buffer, ULONG length, FILE_INFORMATION_CLASS infoClass,
-                                    KPROCESSOR_MODE mode, bool generated)
-{
-    if (infoClass == FilePositionInformation) {
-        if (length < sizeof(FILE_POSITION_INFORMATION)) {
-            return STATUS_INFO_LENGTH_MISMATCH;
-        }
-        std::lock_guard lock(record->positionMutex);
-        record->fileObject.CurrentByteOffset = static_cast<PFILE_POSITION_INFORMATION>(buffer)->CurrentByteOffset;
-        return STATUS_SUCCESS;
-    }
-    std::vector<UCHAR> systemBuffer(static_cast<const UCHAR*>(buffer), static_cast<const UCHAR*>(buffer) + length);
-
-    // Rename and link: a target with a path has its directory opened through the stack first.
-    FileObjectRecord* parent = nullptr;
-    std::u16string targetPath;
-    bool hasTarget = false;
-    BOOLEAN replaceIfExists = FALSE;
-    if (infoClass == FileRenameInformation || infoClass == FileLinkInformation) {
-        if (length < FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName)) {
-            return STATUS_INFO_LENGTH_MISMATCH;
-        }
-        const auto* rename = reinterpret_cast<const FILE_RENAME_INFORMATION*>(systemBuffer.data());
-        if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + static_cast<size_t>(rename->FileNameLength) > length) {
-            return STATUS_INVALID_PARAMETER;
-        }
-        replaceIfExists = rename->ReplaceIfExists;
-        std::u16string name(reinterpret_cast<const char16_t*>(rename->FileName), rename->FileNameLength / sizeof(WCHAR));
-        hasTarget = true;
-        if (rename->RootDirectory == nullptr && name.find(u'\\') == std::u16string::npos) {
-            // A simple name: the target is in the source's own directory.
-            std::u16string directory = record->volumePath;
-            size_t slash = directory.rfind(u'\\');
-            directory = slash == std::u16string::npos || slash == 0 ? u"\\" : directory.substr(0, slash);
-            targetPath = directory + (directory.back() == u'\\' ? u"" : u"\\") + name;
-        } else {
-            UNICODE_STRING objectName{static_cast<USHORT>(rename->FileNameLength),
-                                      static_cast<USHORT>(rename->FileNameLength),
-                                      const_cast<PWCH>(rename->FileName)};
-            OBJECT_ATTRIBUTES attributes;
-            InitializeObjectAttributes(&attributes, &objectName, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
-                                       rename->RootDirectory, nullptr);
-            CreateRequest request;
-            request.objectAttributes = &attributes;
-            request.desiredAccess = FILE_WRITE_DATA | SYNCHRONIZE;
-            request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE;
-            request.disposition = FILE_OPEN;
-            request.ioFlags = IO_OPEN_TARGET_DIRECTORY;
-            request.mode = mode;
-            request.generatedByFilter = generated;
-            IO_STATUS_BLOCK ioStatus{};
-            NTSTATUS status = CreateFileObject(request, &ioStatus, &parent);
-            if (!NT_SUCCESS(status)) {
-                return status;
-            }
-            if (parent->volume != record->volume) {
-                DereferenceFile(parent);
-                return STATUS_NOT_SAME_DEVICE;
-            }
-            std::u16string finalComponent(View(parent->fileObject.FileName));
-            targetPath = parent->volumePath + (parent->volumePath.back() == u'\\' ? u"" : u"\\") + finalComponent;
-        }
-    }
-
-    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
-                            (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
-                        mode);
-    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
-    iopb.MajorFunction = IRP_MJ_SET_INFORMATION;
-    iopb.IrpFlags = IRP_BUFFERED_IO | IRP_SYNCHRONOUS_API;
-    iopb.TargetFileObject = &record->fileObject;
-    auto& set = iopb.Parameters.SetFileInformation;
-    set.Length = length;
-    set.FileInformationClass = infoClass;
-    set.ParentOfTarget = parent != nullptr ? &parent->fileObject : nullptr;
-    if (hasTarget) {
-        set.ReplaceIfExists = replaceIfExists;
-    } else if (infoClass == FileDispositionInformation || infoClass == FileDispositionInformationEx) {
-        set.DeleteHandle = handle;
-    }
-    set.InfoBuffer = systemBuffer.data();
-    Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-        const auto& p = params.Parameters.SetFileInformation;
-        NTSTATUS status = record->open == nullptr ? STATUS_FILE_CLOSED
-                                                  : record->volume->volume->SetInformation(
-                                                        *record->open, p.FileInformationClass, p.InfoBuffer,
-                                                        p.Length, hasTarget ? &targetPath : nullptr);
-        if (NT_SUCCESS(status) && hasTarget && infoClass == FileRenameInformation) {
-            record->volumePath = targetPath;
-        }
-        if (NT_SUCCESS(status) &&
-            (p.FileInformationClass == FileDispositionInformation ||
-             p.FileInformationClass == FileDispositionInformationEx)) {
-            record->fileObject.DeletePending = *static_cast<const BOOLEAN*>(p.InfoBuffer);
-        }
-        data.IoStatus.Status = status;
-        data.IoStatus.Information = 0;
-    });
-    if (parent != nullptr) {
-        DereferenceFile(parent);
-    }
-    return frame.data.IoStatus.Status;
 }
 
 NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
@@ -754,37 +631,6 @@ NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStat
     return QueryInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
 }
 
-static NTSTATUS SetInformationAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
-                                 PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtSetInformationFile");
-    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ScopedPreviousMode previousMode(mode);
-    HandleReference file(FileHandle, AccessToSet(FileInformationClass), mode);
-    if (!NT_SUCCESS(file.status())) {
-        return file.status();
-    }
-    NTSTATUS status = SetInformationThroughStack(file.get(), nullptr, FileHandle, FileInformation, Length,
-                                                 FileInformationClass, mode, false);
-    SetIoStatus(IoStatusBlock, status, 0);
-    return status;
-}
-
-NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                    ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return SetInformationAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, FileInformation, Length,
-                            FileInformationClass);
-}
-
-NTSTATUS NTAPI ZwSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                    ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return SetInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
-}
-
 static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                  PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
                                  ULONG Length, FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
@@ -962,21 +808,6 @@ NTSTATUS FLTAPI FltQueryInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT Fil
         *LengthReturned = returned;
     }
     return status;
-}
-
-NTSTATUS FLTAPI FltSetInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
-                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    if (auto failure = faults::Check("FltSetInformationFile")) {
-        return *failure;
-    }
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltSetInformationFile");
-    auto instance = InstanceOf(Instance);
-    if (instance == nullptr || FileObject == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    return SetInformationThroughStack(RecordOf(FileObject), instance.get(), nullptr, FileInformation, Length,
-                                      FileInformationClass, KernelMode, true);
 }
 
 }  // extern "C"

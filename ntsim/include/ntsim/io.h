@@ -369,9 +369,13 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLO
                                                PVOID FileInformation, ULONG Length,
                                                FILE_INFORMATION_CLASS FileInformationClass);
 
-// FilePositionInformation is kept by the I/O manager; FileRenameInformation and
-// FileLinkInformation open the target's parent directory (SL_OPEN_TARGET_DIRECTORY) through the
-// whole stack first, and hand it to the operation as ParentOfTarget.
+// FilePositionInformation is kept by the I/O manager. A buffer shorter than its class's fixed part
+// fails with STATUS_INFO_LENGTH_MISMATCH, and a handle without the class's access (DELETE for a
+// rename or a disposition, FILE_WRITE_DATA for a size, FILE_WRITE_ATTRIBUTES for basic
+// information; none for a hard link) with STATUS_ACCESS_DENIED, before any filter sees the request.
+// A rename or link (and their Ex forms) to a full path, or relative to RootDirectory, opens the
+// target's directory (SL_OPEN_TARGET_DIRECTORY) through the stack first, and hands it to the
+// operation as ParentOfTarget; a bare name is in the source's own directory, ParentOfTarget null.
 NTSYSAPI NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                              PVOID FileInformation, ULONG Length,
                                              FILE_INFORMATION_CLASS FileInformationClass);

@@ -108,8 +108,9 @@ NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_O
 // The cache. A cached write (neither paging nor non-cached) leaves the pages it changed dirty in
 // the file object's cache; the write-back of those pages comes as synchronous paging writes of
 // whole pages (IRP_PAGING_IO | IRP_NOCACHE | IRP_SYNCHRONOUS_PAGING_IO, kernel mode) on that file
-// object, which the file system cuts at the end of file. A close forgets pages never written back:
-// their data is on the volume already.
+// object, which the file system cuts at the end of file. A change of the end of file through the
+// file object drops its pages past the new end unwritten. A close forgets pages never written
+// back: their data is on the volume already.
 
 // A cache flush, as a flush of the file or of a mapped view makes it, in the calling thread and
 // with its previous mode: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the write-back of the dirty pages, the file
