@@ -266,8 +266,13 @@ NTSTATUS SetInformationThroughStack(FileObjectRecord* record, const std::shared_
             return STATUS_INVALID_PARAMETER;
         }
         const auto* rename = reinterpret_cast<const FILE_RENAME_INFORMATION*>(systemBuffer.data());
-        const bool ex = infoClass == FileRenameInformationEx || infoClass == FileLinkInformationEx;
-        replaceIfExists = ex ? (rename->Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0 : rename->ReplaceIfExists;
+        if (infoClass == FileRenameInformationEx) {
+            replaceIfExists = (rename->Flags & FILE_RENAME_REPLACE_IF_EXISTS) != 0;
+        } else if (infoClass == FileLinkInformationEx) {
+            replaceIfExists = (rename->Flags & FILE_LINK_REPLACE_IF_EXISTS) != 0;
+        } else {
+            replaceIfExists = rename->ReplaceIfExists;
+        }
         NTSTATUS status = OpenTargetDirectory(record, *rename, *name, below, mode, generated, &parent);
         if (!NT_SUCCESS(status)) {
             return status;
