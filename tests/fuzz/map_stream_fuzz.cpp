@@ -13,45 +13,33 @@
 //     u32 fileSize      cut to kMaxFileSize
 //     i64 lastWrite     the file's last write time; 0 keeps the time of the seeding
 //     the rest          the stream's bytes
-// The filter stays loaded for the whole process; a verifier report or a failed check aborts.
+// The filter stays loaded for the whole process (loaded_filter.hpp); a verifier report or a failed
+// check aborts.
 #include <ntsim/sim/faults.hpp>
-#include <ntsim/sim/iomanager.hpp>
-#include <ntsim/sim/ntfs.hpp>
-#include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/text.hpp>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dirtyblocktracking.h"
 #include "driver/globals.h"
-#include "driver/lifecycle.h"
 #include "driver/mergefolders.h"
+#include "loaded_filter.hpp"
 
 namespace {
+
+using foldermerge::fuzzing::Fail;
 
 constexpr uint8_t kNoStream = 0x01;
 constexpr uint8_t kDeleteFails = 0x02;
 constexpr uint8_t kTimesCanNotBeSet = 0x04;
 constexpr uint32_t kMaxFileSize = 1u << 18;
-constexpr char16_t kVolumeDevice[] = u"\\Device\\HarddiskVolume2";
-constexpr char16_t kFilterName[] = u"FolderMerge";
 constexpr char16_t kFile[] = u"\\Data\\a.txt";
 const std::u16string kStream = std::u16string(kFile) + u":" + reinterpret_cast<const char16_t*>(DIRTY_BLOCK_STREAM_NAME);
-
-[[noreturn]] void Fail(const std::string& what)
-{
-    fprintf(stderr, "\n*** map stream fuzz: %s\n", what.c_str());
-    fflush(stderr);
-    abort();
-}
 
 void Check(bool condition, const char* what)
 {
@@ -60,24 +48,12 @@ void Check(bool condition, const char* what)
     }
 }
 
+// The loaded filter, its instance on the volume, and its pool at rest: no record, no stream I/O.
 struct Loaded {
     std::shared_ptr<ntsim::MemoryVolume> volume;
     PFLT_INSTANCE instance = nullptr;
-    uint64_t poolAtRest = 0;
-    uint64_t bytesAtRest = 0;
+    std::unique_ptr<foldermerge::fuzzing::PoolAtRest> pool;
 };
-
-// exit() has destroyed the exiting thread's simulated identity before its handlers run: the unload,
-// where the verifier checks the pool of the filter's tag, runs in a thread of its own.
-void UnloadAtExit()
-{
-    std::thread([] {
-        if (!NT_SUCCESS(ntsim::UnloadFilter(kFilterName))) {
-            Fail("the filter refused its unload");
-        }
-        (void)ntsim::DismountVolume(kVolumeDevice);
-    }).join();
-}
 
 Loaded& LoadOnce()
 {
@@ -86,19 +62,12 @@ Loaded& LoadOnce()
         return *loaded;
     }
     loaded = new Loaded;
-    loaded->volume = ntsim::CreateNtfsVolume(kVolumeDevice);
-    Check(ntsim::MountVolume(loaded->volume, u"C:") == STATUS_SUCCESS, "the volume could not be mounted");
-    Check(ntsim::LoadFilter(DriverEntry, {.name = kFilterName, .altitude = u"185200",
-                                          .poolTags = {FOLDERMERGE_POOL_TAG}}) == STATUS_SUCCESS,
-          "the filter did not load");
-    atexit(UnloadAtExit);
-    ntsim::UnicodeStringHolder root(std::u16string(kVolumeDevice) + u"\\");
+    loaded->volume = foldermerge::fuzzing::LoadFilterOnce();
+    ntsim::UnicodeStringHolder root(std::u16string(foldermerge::fuzzing::kVolumeDevice) + u"\\");
     Check(NT_SUCCESS(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, root.get(), &loaded->instance)),
           "no instance on the volume");
     FltObjectDereference(loaded->instance);  // it lives as long as the filter is attached
-    const ntsim::pool::Usage usage = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
-    loaded->poolAtRest = usage.liveCount;
-    loaded->bytesAtRest = usage.liveBytes;
+    loaded->pool = std::make_unique<foldermerge::fuzzing::PoolAtRest>();
     return *loaded;
 }
 
@@ -150,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (options & kTimesCanNotBeSet) {
         ntsim::faults::FailRoutine("FltSetInformationFile", STATUS_ACCESS_DENIED);
     }
-    ntsim::UnicodeStringHolder path(std::u16string(kVolumeDevice) + kFile);
+    ntsim::UnicodeStringHolder path(std::u16string(foldermerge::fuzzing::kVolumeDevice) + kFile);
     TrackedDirtyBlockFile* pRecord = nullptr;
     const NTSTATUS status = GetTrackedDirtyBlockRecord(g_ServiceData.FilterHandle, loaded.instance, path.get(), &pRecord);
     ntsim::faults::Reset();
@@ -202,8 +171,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
 
     Check(g_DirtyBlockFileList == nullptr, "a record stayed in the list");
-    const ntsim::pool::Usage usage = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
-    Check(usage.liveCount == loaded.poolAtRest && usage.liveBytes == loaded.bytesAtRest,
-          "the filter's pool is not what it was at rest");
+    loaded.pool->Verify("after a load and its write-back");
     return 0;
 }
