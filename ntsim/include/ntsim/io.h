@@ -418,6 +418,14 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, 
 
 // Change notification (IRP_MN_NOTIFY_CHANGE_DIRECTORY) is not modelled: these report
 // NOT_IMPLEMENTED by name.
+#define FILE_NOTIFY_CHANGE_FILE_NAME 0x00000001
+#define FILE_NOTIFY_CHANGE_DIR_NAME 0x00000002
+#define FILE_NOTIFY_CHANGE_ATTRIBUTES 0x00000004
+#define FILE_NOTIFY_CHANGE_SIZE 0x00000008
+#define FILE_NOTIFY_CHANGE_LAST_WRITE 0x00000010
+#define FILE_NOTIFY_CHANGE_LAST_ACCESS 0x00000020
+#define FILE_NOTIFY_CHANGE_CREATION 0x00000040
+#define FILE_NOTIFY_CHANGE_SECURITY 0x00000100
 NTSYSAPI NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                                     PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                                                     ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree);
