@@ -2,38 +2,34 @@
 // scripted service on its Thread port that answers each request with the next reply of the input,
 // and each request routine in turn.
 //
-// An input is a selector byte, then replies: each a 16-bit little-endian length and that many bytes
-// (cut to what is left). The selector picks the routine (and, for the listing fetch, two more bytes
-// give the listing's length). The replies go to the routine's requests in order: the redirect
+// An input is a selector byte that picks the routine, a 16-bit little-endian length less one for the
+// listing fetch (1 to 65536 bytes), then replies: each a 16-bit little-endian length and that many
+// bytes (cut to what is left). The replies go to the routine's requests in order: the redirect
 // request asks again for each reply that reports a longer name, so growth and its end are reached;
 // a request beyond the last reply gets an empty one. A reply may be shorter or longer than the
 // filter's buffer, and its Status and payload anything.
 //
-// After each call: no pool of the driver's tag is left beyond what it held before, a handed-out
-// redirect name is an even counted string with its zero character, a signature name fits the
-// caller's buffer, and the outs of the download and size requests are untouched unless the request
-// succeeded.
+// After each call: the pool of the filter's tag is what it was at rest (a leak is a POOL_LEAK
+// bugcheck), a handed-out redirect name is an even counted string with its zero character, a
+// signature name fits the caller's buffer, and the outs of the download and size requests are
+// untouched unless the request succeeded. The filter loads once per process (loaded_filter.hpp).
 #include <foldermerge/service/responder.hpp>
 
-#include <ntsim/sim/iomanager.hpp>
-#include <ntsim/sim/ntfs.hpp>
-#include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/text.hpp>
 
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "driver/lifecycle.h"
+#include "driver/globals.h"
 #include "driver/mergefolders.h"
-#include "driver/ownedstring.h"
+#include "loaded_filter.hpp"
 #include "servicerequests.h"
 
+namespace foldermerge::fuzzing {
 namespace {
 
 using foldermerge::service::RequestView;
@@ -54,17 +50,28 @@ std::vector<uint8_t> NextReply(const RequestView&)
     return reply;
 }
 
-// FolderMerge on C: with the answering service, for the whole run.
-struct Driver {
-    std::shared_ptr<ntsim::MemoryVolume> volume = ntsim::CreateNtfsVolume(u"\\Device\\HarddiskVolume2");
+// The answering service and the pool at rest, made once with the loaded filter.
+struct Rig {
     std::unique_ptr<ScriptedResponder> service;
+    std::unique_ptr<PoolAtRest> rest;
 };
-Driver* g_driver = nullptr;
 
-void Fail(const char* what)
+Rig& RigOnce()
 {
-    std::fprintf(stderr, "service_reply_fuzz: %s\n", what);
-    std::abort();
+    static Rig& rig = *new Rig;  // still there when the exit handler runs
+    if (rig.service != nullptr) {
+        return rig;
+    }
+    LoadFilterOnce()->SeedFile(u"\\Data\\report.txt", "quarterly numbers");
+    rig.service = std::make_unique<ScriptedResponder>(ScriptedResponder::Options{.record = false});
+    rig.service->AddRule({.answerBytes = NextReply});
+    if (FAILED(rig.service->Connect())) {
+        Fail("the service could not connect its Thread port");
+    }
+    rig.rest = std::make_unique<PoolAtRest>();
+    // The service goes before the unload; RigOnce isn't asked again after that.
+    BeforeUnload([] { RigOnce().service.reset(); });
+    return rig;
 }
 
 // The driver's instance on C:; it lives as long as the driver is attached.
@@ -213,38 +220,19 @@ void RunRoutine(uint8_t selector, uint32_t listingLength, PFLT_INSTANCE instance
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    g_driver = new Driver;
-    if (!NT_SUCCESS(ntsim::MountVolume(g_driver->volume, u"C:")) ||
-        !NT_SUCCESS(ntsim::LoadFilter(DriverEntry, {.name = u"FolderMerge",
-                                                    .altitude = u"185200",
-                                                    .poolTags = {FOLDERMERGE_POOL_TAG}}))) {
-        Fail("FolderMerge could not be loaded");
-    }
-    g_driver->volume->SeedFile(u"\\Data\\report.txt", "quarterly numbers");
-    g_driver->service = std::make_unique<ScriptedResponder>(ScriptedResponder::Options{.record = false});
-    g_driver->service->AddRule({.answerBytes = NextReply});
-    if (FAILED(g_driver->service->Connect())) {
-        Fail("the service could not connect");
-    }
-    return 0;
-}
+}  // namespace foldermerge::fuzzing
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
+    using namespace foldermerge::fuzzing;
+    Rig& rig = RigOnce();
     if (size < 3) {
         return 0;
     }
     // A listing of 1 to 65536 bytes for the fetch.
     const uint32_t listingLength = (data[1] | (uint32_t(data[2]) << 8)) + 1u;
     QueueReplies(data + 3, size - 3);
-
-    const size_t liveBefore = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount;
     RunRoutine(data[0], listingLength, InstanceOnC());
-    if (ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount != liveBefore) {
-        Fail("pool of the driver's tag left behind by a request");
-    }
+    rig.rest->Verify("after a service reply input");
     return 0;
 }
