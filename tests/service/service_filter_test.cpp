@@ -70,13 +70,9 @@ protected:
         ntsim::AttachThread thread(UserProcess(kAlice));
         ntsim::UnicodeStringHolder sid(kAlice);
         ntsim::UnicodeStringHolder path(u"\\Device\\HarddiskVolume2\\Data\\a.txt");
-        ServiceRequest request;
-        NTSTATUS status = BeginServiceRequest(&request, SERVICE_REQUEST_OBJECT_EXISTS, sid.get(), path.get(), nullptr);
-        if (NT_SUCCESS(status)) {
-            status = SendServiceRequest(&request, SERVICE_REPLY_LENGTH_OBJECT_EXISTS);
-        }
-        EndServiceRequest(&request);
-        return status;
+        UCHAR bExists = 0;
+        UCHAR bSecondFlag = 0;
+        return ServiceRequest_ObjectExists(sid.get(), path.get(), nullptr, nullptr, &bExists, &bSecondFlag);
     }
 
     Observed Observe()
