@@ -2,6 +2,7 @@
 #include "lifecycle.h"
 
 #include "configuration.h"
+#include "context.h"
 #include "globals.h"
 #include "locks.h"
 #include "operations.h"
@@ -108,10 +109,12 @@ static VOID ReleaseFilter()
     // The blacklist outlives a cleared configuration, but not the filter.
     FreeProcessBlacklist();
     DeleteLock(&g_ConfigLock);
-    // File contexts, tracked dirty block files, MUP access records and user records are emptied
-    // here once the filter keeps them; none exists in this build.
+    // The file contexts go first: they hold references on tracked dirty block files.
+    DeleteAllContexts();
+    // Tracked dirty block files, MUP access records and user records are emptied here once the
+    // filter keeps them.
     DeleteStreamStringTable();
-    DeleteLock(&g_ContextLock);
+    (VOID) DeleteContextLock();
     DeleteLock(&g_DirtyBlockLock);
     DeleteLock(&g_MupLock);
     DeleteLock(&g_UserListLock);
