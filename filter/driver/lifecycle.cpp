@@ -12,6 +12,7 @@
 #include "streamnames.h"
 #include "trace.h"
 #include "traceprovider.h"
+#include "user.h"
 
 ServiceData g_ServiceData;
 volatile UCHAR g_PassThrough;
@@ -111,13 +112,15 @@ static VOID ReleaseFilter()
     DeleteLock(&g_ConfigLock);
     // The file contexts go first: they hold references on tracked dirty block files.
     DeleteAllContexts();
-    // Tracked dirty block files, MUP access records and user records are emptied here once the
-    // filter keeps them.
+    // Tracked dirty block files and MUP access records are emptied here once the filter keeps them.
+    // The configuration's clearing has taken the user records out; with no callback left, none is
+    // still held.
+    ClearUserRecords();
     DeleteStreamStringTable();
     (VOID) DeleteContextLock();
     DeleteLock(&g_DirtyBlockLock);
     DeleteLock(&g_MupLock);
-    DeleteLock(&g_UserListLock);
+    (VOID) DeleteUserListLock();
     DeleteLock(&g_TraceLock);
 }
 

@@ -1,0 +1,176 @@
+// User records: one per SID, found without regard to case, kept with their verdicts while the
+// configuration stands, and taken out all at once by its clearing, a record in use living on until
+// its last holder lets go.
+#include "filter_fixture.hpp"
+
+#include <ntsim/sim/faults.hpp>
+
+#include "user.h"
+
+namespace foldermerge::testing {
+namespace {
+
+class UserRecords : public LoadedFilter {
+protected:
+    static UserRecord* Find(std::u16string_view sid)
+    {
+        ntsim::UnicodeStringHolder sidText(sid);
+        return FindUserRecord(sidText.get());
+    }
+
+    // The records of g_UserList, from its head.
+    static std::vector<UserRecord*> Listed()
+    {
+        std::vector<UserRecord*> records;
+        for (PLIST_ENTRY link = g_UserList.Flink; link != &g_UserList; link = link->Flink) {
+            records.push_back(CONTAINING_RECORD(link, UserRecord, userListEntry));
+        }
+        return records;
+    }
+
+    static void Cache(UserRecord* record, std::u16string_view key, UCHAR excluded)
+    {
+        ntsim::UnicodeStringHolder keyText(key);
+        AddToExclusionCache(record, keyText.get(), excluded);
+    }
+
+    static bool Cached(UserRecord* record, std::u16string_view key)
+    {
+        ntsim::UnicodeStringHolder keyText(key);
+        UCHAR excluded = 0;
+        return FindInExclusionCache(record, keyText.get(), &excluded);
+    }
+};
+
+TEST_F(UserRecords, ASidFindsOneRecordWhateverItsCaseAndANewSidGetsANewOneAtTheTail)
+{
+    UserRecord* alice = Find(kAlice);
+    ASSERT_NE(alice, nullptr);
+    EXPECT_EQ(alice->refCount, 2u) << "the list's reference and the caller's";
+    EXPECT_EQ(ntsim::ToUtf8(*alice->pstrSid), ntsim::ToUtf8(kAlice));
+
+    UserRecord* again = Find(u"s-1-5-21-1-2-3-1001");
+    EXPECT_EQ(again, alice);
+    EXPECT_EQ(alice->refCount, 3u);
+
+    // Same length, one character apart.
+    UserRecord* bob = Find(kBob);
+    EXPECT_NE(bob, alice);
+    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{alice, bob}));
+    // A SID that another begins is a SID of its own.
+    UserRecord* shorter = Find(u"S-1-5-21-1-2-3-100");
+    EXPECT_NE(shorter, alice);
+    EXPECT_EQ(Listed().size(), 3u);
+
+    ReleaseUserRecord(alice, 0);
+    ReleaseUserRecord(again, 0);
+    ReleaseUserRecord(bob, 0);
+    ReleaseUserRecord(shorter, 0);
+    EXPECT_EQ(alice->refCount, 1u);
+    EXPECT_EQ(Listed().size(), 3u);
+    EXPECT_EQ(FindUserRecord(nullptr), nullptr);
+}
+
+TEST_F(UserRecords, AnIdleRecordKeepsItsVerdictsUntilTheConfigurationIsCleared)
+{
+    UserRecord* alice = Find(kAlice);
+    Cache(alice, u"\\data\\music", 1);
+    ReleaseUserRecord(alice, 0);
+    EXPECT_EQ(alice->refCount, 1u);
+
+    alice = Find(kAlice);
+    EXPECT_TRUE(Cached(alice, u"\\data\\music"));
+    ReleaseUserRecord(alice, 0);
+
+    // A configuration message clears the records: the user starts with an empty cache.
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data"}}), STATUS_SUCCESS);
+    EXPECT_TRUE(Listed().empty());
+    alice = Find(kAlice);
+    EXPECT_FALSE(Cached(alice, u"\\data\\music"));
+    ReleaseUserRecord(alice, 0);
+
+    ClearUserRecords();
+    EXPECT_TRUE(Listed().empty());
+    ClearUserRecords();
+    EXPECT_TRUE(Listed().empty());
+}
+
+TEST_F(UserRecords, ARecordInUseDuringAClearIsOrphanedAndFreedByItsLastHolder)
+{
+    UserRecord* held = Find(kAlice);
+    UserRecord* heldTwice = Find(kAlice);
+    UserRecord* idle = Find(kBob);
+    ReleaseUserRecord(idle, 0);
+    Cache(held, u"\\a", 1);
+
+    ClearUserRecords();
+    EXPECT_TRUE(Listed().empty());
+    EXPECT_FALSE(ntsim::pool::IsLive(idle)) << "an idle record is freed at once";
+    ASSERT_TRUE(ntsim::pool::IsLive(held));
+    EXPECT_EQ(held->bRemoved, 1);
+    EXPECT_EQ(held->refCount, 2u);
+
+    // The orphan still works for its holders; a new test of the SID makes a new record beside it.
+    EXPECT_TRUE(Cached(held, u"\\a\\b"));
+    Cache(held, u"\\c", 0);
+    UserRecord* fresh = Find(kAlice);
+    EXPECT_NE(fresh, held);
+    EXPECT_FALSE(Cached(fresh, u"\\a\\b"));
+    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{fresh}));
+
+    // The holders' releases don't cut the list link again: the new record stays listed.
+    ReleaseUserRecord(held, 0);
+    EXPECT_TRUE(ntsim::pool::IsLive(held));
+    ReleaseUserRecord(heldTwice, 0);
+    EXPECT_FALSE(ntsim::pool::IsLive(held));
+    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{fresh}));
+    ReleaseUserRecord(fresh, 0);
+}
+
+TEST_F(UserRecords, AForcedReleaseTakesAHeldRecordOutOnce)
+{
+    UserRecord* alice = Find(kAlice);
+    UserRecord* bob = Find(kBob);
+    UserRecord* again = Find(kAlice);
+    ReleaseUserRecord(alice, 1);
+    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{bob}));
+    EXPECT_EQ(alice->refCount, 2u);
+    ReleaseUserRecord(again, 0);
+    ReleaseUserRecord(alice, 0);
+    EXPECT_FALSE(ntsim::pool::IsLive(alice));
+    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{bob}));
+    ReleaseUserRecord(bob, 0);
+    ReleaseUserRecord(nullptr, 1);
+}
+
+TEST_F(UserRecords, ARecordThatCantBeMadeLeavesNothingInTheList)
+{
+    const auto before = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount;
+    // The record, then its SID copy.
+    for (uint64_t allocation = 1; allocation <= 2; allocation++) {
+        ntsim::faults::FailNthAllocation(allocation);
+        EXPECT_EQ(Find(kAlice), nullptr) << "allocation " << allocation;
+        ntsim::faults::Reset();
+        EXPECT_TRUE(Listed().empty()) << "allocation " << allocation;
+        EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, before) << "allocation " << allocation;
+    }
+    UserRecord* alice = Find(kAlice);
+    EXPECT_NE(alice, nullptr);
+    ReleaseUserRecord(alice, 0);
+}
+
+TEST_F(UserRecords, TheUnloadFreesEveryRecordAndItsCache)
+{
+    UserRecord* alice = Find(kAlice);
+    for (int index = 0; index < 100; index++) {
+        Cache(alice, u"\\dir" + ntsim::ToUtf16(std::to_string(index)) + u"\\", index % 2);
+    }
+    ReleaseUserRecord(alice, 0);
+    ReleaseUserRecord(Find(kBob), 0);
+    ASSERT_EQ(ntsim::UnloadFilter(kFilterName), STATUS_SUCCESS);
+    loaded_ = false;
+    EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
+}
+
+}  // namespace
+}  // namespace foldermerge::testing
