@@ -26,7 +26,7 @@
 typedef struct _UserRecord UserRecord;
 
 typedef struct _ExclusionCacheEntry {
-    OwnedString* pstrPath;  // lower-case key, owned
+    OwnedString* pstrPath;  // lower-case key, in the entry's own block behind it
     UCHAR bExcluded;        // 1 excluded, 0 not excluded
     LIST_ENTRY link;        // in the owner's exclusionCacheList
 
@@ -47,6 +47,18 @@ typedef struct _ExclusionIndex {
     ULONG ulPrioritySeed;                 // draws the tree priorities
 } ExclusionIndex;
 
+// 1 when pPath is excluded for pSid, at the level of directories: a file (or a path that can't be
+// opened) stands for its parent directory, a directory for itself. Asks the service on a miss and
+// caches its answer, whatever it was; a failed, timed-out or disconnected request caches not
+// excluded. Every failure of the filter's own work gives 0. pFltObjects and pIopb are the
+// operation's, for the file information and the request. IRQL: PASSIVE_LEVEL, no lock held.
+UCHAR IsExcludedByDirectory(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT_RELATED_OBJECTS pFltObjects,
+                            PFLT_IO_PARAMETER_BLOCK pIopb);
+
+// As IsExcludedByDirectory, for pPath as given, without the reduction to its directory.
+UCHAR IsExcludedByPath(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT_RELATED_OBJECTS pFltObjects,
+                       PFLT_IO_PARAMETER_BLOCK pIopb);
+
 // Looks pKey (lower case) up in the record's cache. On a hit the entry that answers goes to the
 // front, *pbExcluded is its verdict and the result is TRUE; on a miss *pbExcluded is 0.
 // The caller holds a reference on the record. IRQL: <= DISPATCH_LEVEL.
@@ -59,7 +71,8 @@ BOOLEAN FindInExclusionCache(UserRecord* pRecord, PCUNICODE_STRING pKey, PUCHAR 
 // on the record. IRQL: <= DISPATCH_LEVEL.
 VOID AddToExclusionCache(UserRecord* pRecord, PCUNICODE_STRING pKey, UCHAR bExcluded);
 
-// Frees an entry and its key. A null entry is allowed. IRQL: <= DISPATCH_LEVEL.
+// Frees an entry and its key, which share its block. A null entry is allowed.
+// IRQL: <= DISPATCH_LEVEL.
 VOID FreeExclusionCacheEntry(ExclusionCacheEntry* pEntry);
 
 // Makes the record's cache empty and ready, at the record's creation.

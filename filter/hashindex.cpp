@@ -22,11 +22,18 @@ static HashLink** BucketOf(const HashIndex* pIndex, ULONGLONG Hash)
 ULONGLONG HashOfBytes(const VOID* pBytes, SIZE_T ulLength)
 {
     const UCHAR* pByte = (const UCHAR*)pBytes;
-    ULONGLONG Hash = 0xCBF29CE484222325ull;
-    for (SIZE_T ulIndex = 0; ulIndex < ulLength; ulIndex++) {
-        Hash = (Hash ^ pByte[ulIndex]) * 0x100000001B3ull;
+    ULONGLONG Hash = HashStart(ulLength);
+    ULONGLONG Word;
+    for (; ulLength >= sizeof(Word); ulLength -= sizeof(Word), pByte += sizeof(Word)) {
+        RtlCopyMemory(&Word, pByte, sizeof(Word));
+        Hash = MixHashWord(Hash, Word);
     }
-    return SpreadHash(Hash ^ (Hash >> 29));
+    if (ulLength != 0) {
+        Word = 0;
+        RtlCopyMemory(&Word, pByte, ulLength);
+        Hash = MixHashWord(Hash, Word);
+    }
+    return FinishHash(Hash);
 }
 
 VOID InsertHashLink(HashIndex* pIndex, HashLink* pLink, ULONGLONG Hash)

@@ -41,7 +41,25 @@ FORCEINLINE ULONGLONG HashOfPointer(const VOID* pKey)
     return SpreadHash((ULONGLONG)(ULONG_PTR)pKey);
 }
 
-// The hash of ulLength bytes (FNV-1a, then spread over the high bits that choose the bucket).
+// A hash built a word at a time: start from HashStart(length in bytes), mix in each word of 8 bytes
+// (the last one padded with zeros), and finish.
+FORCEINLINE ULONGLONG HashStart(SIZE_T ulLength)
+{
+    return 0xCBF29CE484222325ull ^ ulLength;
+}
+
+FORCEINLINE ULONGLONG MixHashWord(ULONGLONG Hash, ULONGLONG Word)
+{
+    Hash = (Hash ^ Word) * 0xFF51AFD7ED558CCDull;
+    return Hash ^ (Hash >> 32);
+}
+
+FORCEINLINE ULONGLONG FinishHash(ULONGLONG Hash)
+{
+    return SpreadHash(Hash ^ (Hash >> 29));
+}
+
+// The hash of ulLength bytes.
 ULONGLONG HashOfBytes(const VOID* pBytes, SIZE_T ulLength);
 
 // Links pLink under Hash at the front of its bucket.

@@ -15,15 +15,21 @@ HashIndex g_ContextsByPath;
 
 ULONGLONG HashOfPathIgnoringCase(PCUNICODE_STRING pPath)
 {
+    // The comparison counts whole characters: so does the hash. Four upcased characters a word.
     ULONG ulChars = pPath->Length / sizeof(WCHAR);
-    WCHAR chUpcased;
-    ULONGLONG Hash = 0xCBF29CE484222325ull;
+    ULONGLONG Hash = HashStart(ulChars);
+    ULONGLONG Word = 0;
     for (ULONG ulIndex = 0; ulIndex < ulChars; ulIndex++) {
-        chUpcased = RtlUpcaseUnicodeChar(pPath->Buffer[ulIndex]);
-        Hash = (Hash ^ (UCHAR)chUpcased) * 0x100000001B3ull;
-        Hash = (Hash ^ (UCHAR)(chUpcased >> 8)) * 0x100000001B3ull;
+        Word = (Word << 16) | RtlUpcaseUnicodeChar(pPath->Buffer[ulIndex]);
+        if (ulIndex % 4 == 3) {
+            Hash = MixHashWord(Hash, Word);
+            Word = 0;
+        }
     }
-    return SpreadHash(Hash ^ (Hash >> 29));
+    if (ulChars % 4 != 0) {
+        Hash = MixHashWord(Hash, Word);
+    }
+    return FinishHash(Hash);
 }
 
 VOID IndexContextPath(FileContext* pContext)

@@ -47,13 +47,34 @@ VOID InitializeExclusionCache(UserRecord* pRecord)
     pRecord->exclusionIndex.ulPrioritySeed = (ULONG)(HashOfPointer(pRecord) >> 32) | 1;
 }
 
+// A new entry for pKey, zeroed but for its key and verdict, or null when out of memory. The key's
+// string and text lie behind the entry in the same block: a lookup finds them in the lines it has
+// just read, and one free releases all.
+static ExclusionCacheEntry* CreateExclusionCacheEntry(PCUNICODE_STRING pKey, UCHAR bExcluded)
+{
+    SIZE_T ulSize = sizeof(ExclusionCacheEntry) + sizeof(OwnedString) + pKey->Length;
+    ExclusionCacheEntry* pEntry = (ExclusionCacheEntry*)AllocateBuffer(POOL_SELECTOR_NONPAGED, ulSize);
+    if (pEntry == nullptr) {
+        return nullptr;
+    }
+    RtlZeroMemory(pEntry, ulSize);
+    OwnedString* pstrKey = (OwnedString*)(pEntry + 1);
+    pstrKey->Buffer = (PWCH)(pstrKey + 1);
+    pstrKey->Length = pKey->Length;
+    pstrKey->MaximumLength = pKey->Length;
+    if (pKey->Length != 0) {
+        RtlCopyMemory(pstrKey->Buffer, pKey->Buffer, pKey->Length);
+    }
+    pEntry->pstrPath = pstrKey;
+    pEntry->bExcluded = bExcluded;
+    return pEntry;
+}
+
 VOID FreeExclusionCacheEntry(ExclusionCacheEntry* pEntry)
 {
-    if (pEntry == nullptr) {
-        return;
+    if (pEntry != nullptr) {
+        FreeBuffer(pEntry);
     }
-    FreeUnicodeString(&pEntry->pstrPath);
-    FreeBuffer(pEntry);
 }
 
 // Links a new entry in at the front, as the most recently used. The caller holds the record's lock.
@@ -133,17 +154,10 @@ VOID AddToExclusionCache(UserRecord* pRecord, PCUNICODE_STRING pKey, UCHAR bExcl
     BOOLEAN bGrow;
     ULONG ulBits;
 
-    ExclusionCacheEntry* pNew = (ExclusionCacheEntry*)AllocateBuffer(POOL_SELECTOR_NONPAGED, sizeof(ExclusionCacheEntry));
+    ExclusionCacheEntry* pNew = CreateExclusionCacheEntry(pKey, bExcluded);
     if (pNew == nullptr) {
         return;
     }
-    RtlZeroMemory(pNew, sizeof(ExclusionCacheEntry));
-    pNew->pstrPath = CopyUnicodeString(pKey);
-    if (pNew->pstrPath == nullptr) {
-        FreeExclusionCacheEntry(pNew);
-        return;
-    }
-    pNew->bExcluded = bExcluded;
     ULONGLONG KeyHash = HashOfKey(pKey);
 
     AcquireUserRecordLock(pRecord);

@@ -4,9 +4,9 @@
 LONG CompareExclusionKeys(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond)
 {
     USHORT usCommon = pFirst->Length < pSecond->Length ? pFirst->Length : pSecond->Length;
-    SIZE_T ulSame = usCommon == 0 ? 0 : RtlCompareMemory(pFirst->Buffer, pSecond->Buffer, usCommon);
-    if (ulSame < usCommon) {
-        return ((const UCHAR*)pFirst->Buffer)[ulSame] < ((const UCHAR*)pSecond->Buffer)[ulSame] ? -1 : 1;
+    int iOrder = usCommon == 0 ? 0 : memcmp(pFirst->Buffer, pSecond->Buffer, usCommon);
+    if (iOrder != 0) {
+        return iOrder;
     }
     return (LONG)pFirst->Length - (LONG)pSecond->Length;
 }
@@ -14,7 +14,7 @@ LONG CompareExclusionKeys(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond)
 BOOLEAN IsProperKeyPrefix(PCUNICODE_STRING pPrefix, PCUNICODE_STRING pKey)
 {
     return pPrefix->Length < pKey->Length &&
-           (pPrefix->Length == 0 || RtlCompareMemory(pPrefix->Buffer, pKey->Buffer, pPrefix->Length) == pPrefix->Length);
+           (pPrefix->Length == 0 || RtlEqualMemory(pPrefix->Buffer, pKey->Buffer, pPrefix->Length));
 }
 
 // Lifts pChild into its parent's place, the parent becoming its child; the order is kept.
