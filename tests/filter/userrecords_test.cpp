@@ -5,6 +5,9 @@
 
 #include <ntsim/sim/faults.hpp>
 
+#include <atomic>
+#include <thread>
+
 #include "user.h"
 
 namespace foldermerge::testing {
@@ -157,6 +160,44 @@ TEST_F(UserRecords, ARecordThatCantBeMadeLeavesNothingInTheList)
     UserRecord* alice = Find(kAlice);
     EXPECT_NE(alice, nullptr);
     ReleaseUserRecord(alice, 0);
+}
+
+// Threads test and cache verdicts of three users while the configuration is cleared again and again:
+// records are orphaned under their holders and freed by the last of them, nothing is freed twice or
+// read after it is freed, and nothing is left when all have let go.
+TEST_F(UserRecords, RecordsClearedUnderBusyHoldersAreAllFreedByTheLastOfThem)
+{
+    const auto before = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount;
+    const std::u16string sids[] = {kAlice, kBob, u"S-1-5-21-1-2-3-1003"};
+    std::atomic<int> running = 4;
+    std::vector<std::thread> threads;
+    for (int worker = 0; worker < 4; worker++) {
+        threads.emplace_back([&, worker] {
+            for (int round = 0; round < 300; round++) {
+                UserRecord* record = Find(sids[(worker + round) % 3]);
+                ASSERT_NE(record, nullptr);
+                const std::u16string key = u"\\dir" + ntsim::ToUtf16(std::to_string(round % 17));
+                if (!Cached(record, key)) {
+                    Cache(record, key, static_cast<UCHAR>(round % 2));
+                }
+                ReleaseUserRecord(record, 0);
+            }
+            running--;
+        });
+    }
+    int clears = 0;
+    while (running > 0) {
+        ClearUserRecords();
+        clears++;
+        std::this_thread::yield();
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    ClearUserRecords();
+    EXPECT_GT(clears, 0);
+    EXPECT_TRUE(Listed().empty());
+    EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, before);
 }
 
 TEST_F(UserRecords, TheUnloadFreesEveryRecordAndItsCache)
