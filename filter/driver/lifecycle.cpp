@@ -3,6 +3,7 @@
 
 #include "configuration.h"
 #include "context.h"
+#include "dirtyblocktracking.h"
 #include "globals.h"
 #include "locks.h"
 #include "operations.h"
@@ -110,15 +111,18 @@ static VOID ReleaseFilter()
     // The blacklist outlives a cleared configuration, but not the filter.
     FreeProcessBlacklist();
     DeleteLock(&g_ConfigLock);
-    // The file contexts go first: they hold references on tracked dirty block files.
-    DeleteAllContexts();
-    // Tracked dirty block files and MUP access records are emptied here once the filter keeps them.
-    // The configuration's clearing has taken the user records out; with no callback left, none is
+    // The file contexts go first: they hold references on tracked dirty block files. The maps
+    // still live are not written back: the filter is unregistered and has no handle to write with,
+    // and a file that stays open after the unload can be written unseen, so their next load starts
+    // wholly dirty. MUP access records are emptied here once the filter keeps them. The
+    // configuration's clearing has taken the user records out; with no callback left, none is
     // still held.
+    DeleteAllContexts();
+    ClearTrackedDirtyBlockFileList();
     ClearUserRecords();
     DeleteStreamStringTable();
     (VOID) DeleteContextLock();
-    DeleteLock(&g_DirtyBlockLock);
+    (VOID) DeleteTrackedDirtyBlockFileListLock();
     DeleteLock(&g_MupLock);
     (VOID) DeleteUserListLock();
     DeleteLock(&g_TraceLock);
@@ -134,6 +138,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     // address space.
     RtlZeroMemory(&g_ServiceData, sizeof(g_ServiceData));
     g_PassThrough = 0;
+    g_DirtyBlockFileList = nullptr;
     g_PoolType = NonPagedPool;
 
     // 1. Non-executable non-paged pool exists from NT 6.2 on.
