@@ -13,6 +13,7 @@
 
 #include <fltKernel.h>
 
+#include "dirtyblocktracking.h"
 #include "driver/ownedstring.h"
 #include "hashindex.h"
 
@@ -32,8 +33,6 @@
 // RecordType of the two records that the pre-create hands to the post-create.
 #define RECORD_TYPE_FILE_CONTEXT 0
 #define RECORD_TYPE_MUP_ACCESS 1
-
-typedef struct _TrackedDirtyBlockFile TrackedDirtyBlockFile;
 
 typedef struct _FileContext {
     ULONG RecordType;                 // RECORD_TYPE_FILE_CONTEXT; first, as in TrackedMupAccess

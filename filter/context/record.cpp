@@ -47,6 +47,9 @@ NTSTATUS DeleteContext(FileContext* pContext)
     FreeUnicodeString(&pContext->pstrTemporaryFile);
     FreeUnicodeString(&pContext->pstrRenameTarget);
     FreeUnicodeString(&pContext->pstrSignatureName);
+    if (pContext->pTrackedDirtyBlockFile != nullptr) {
+        (VOID) DerefTrackedDirtyBlockRecord(pContext->pTrackedDirtyBlockFile);
+    }
     if (pContext->pDirectoryListing != nullptr) {
         FreeBuffer(pContext->pDirectoryListing);
     }

@@ -1,6 +1,6 @@
 // The file context table: records made, linked, found, renamed, invalidated and freed, with the
 // table walked newest first, and its indexes giving the answers a walk of the list gives.
-#include "filter_fixture.hpp"
+#include "dirtyblock_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
 
@@ -324,6 +324,34 @@ TEST_F(ContextTable, RecordsLeftInTheTableAreFreedByTheUnload)
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     loaded_ = true;
     EXPECT_EQ(Find(0, true), nullptr);
+}
+
+class ContextsOfTrackedFiles : public DirtyBlockTest {};
+
+TEST_F(ContextsOfTrackedFiles, EachDeletedRecordGivesItsReferenceBackAndTheLastOneWritesTheMap)
+{
+    volume_->SeedFile(u"\\Data\\a.txt", std::string(3 * 4096, 'x'));
+    std::array<FILE_OBJECT, 2> objects{};
+    std::array<FileContext*, 2> contexts{};
+    ntsim::UnicodeStringHolder path(DevicePath(u"\\Data\\a.txt")), sid(kAlice);
+    for (size_t index = 0; index < contexts.size(); index++) {
+        ASSERT_EQ(CreateContext(&objects[index], path.get(), sid.get(), &contexts[index]), STATUS_SUCCESS);
+        contexts[index]->pTrackedDirtyBlockFile = MustGet(u"\\Data\\a.txt");
+        ASSERT_TRUE(AddContextToContextTable(contexts[index]));
+    }
+    TrackedDirtyBlockFile* tracked = contexts[0]->pTrackedDirtyBlockFile;
+    EXPECT_EQ(tracked->refCount, 2u);
+    EXPECT_FALSE(Stream(u"\\Data\\a.txt").has_value()) << "the load took the stream";
+
+    ASSERT_TRUE(RemoveContextFromContextTable(contexts[1]));
+    EXPECT_EQ(DeleteContext(contexts[1]), STATUS_SUCCESS);
+    EXPECT_EQ(tracked->refCount, 1u);
+    EXPECT_FALSE(Stream(u"\\Data\\a.txt").has_value());
+
+    ASSERT_TRUE(RemoveContextFromContextTable(contexts[0]));
+    EXPECT_EQ(DeleteContext(contexts[0]), STATUS_SUCCESS);
+    EXPECT_TRUE(ListedRecords().empty());
+    EXPECT_TRUE(Stream(u"\\Data\\a.txt").has_value()) << "the last reference wrote the map back";
 }
 
 // Thousands of records of a few file objects and paths, added, closed, invalidated and renamed at
