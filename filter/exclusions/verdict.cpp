@@ -21,46 +21,25 @@ static OwnedString* CreateExclusionKey(PCUNICODE_STRING pPath)
     return pstrKey;
 }
 
-// The verdict for pKey from pSid's cache, or on a miss from the service, asked about
-// pServicePath, whose answer is cached whatever it was: only a result of exactly 0 says excluded.
-// Without a record (no memory for one) the service's answer is taken and not kept.
-static UCHAR DecideExclusion(PCUNICODE_STRING pSid, PCUNICODE_STRING pKey, PCUNICODE_STRING pServicePath,
-                             PCFLT_RELATED_OBJECTS pFltObjects, PFLT_IO_PARAMETER_BLOCK pIopb, bool bTrace)
+// The verdict cached for pKey in pRecord, TRUE on a hit. Without a record (no memory for one)
+// there is no cache, and every test misses.
+static BOOLEAN FindCachedExclusion(UserRecord* pRecord, PCUNICODE_STRING pKey, PUCHAR pbExcluded)
 {
-    UCHAR bExcluded = 0;
-    UserRecord* pRecord = FindUserRecord(pSid);
-
-    if (pRecord != nullptr && FindInExclusionCache(pRecord, pKey, &bExcluded)) {
-        if (bTrace && HasText(pKey)) {
-            TRACE_INFO("Found [%wZ] in exclusion cache. %s", pKey, bExcluded ? "Excluded" : "Not excluded");
-        }
-    } else {
-        if (bTrace && HasText(pKey)) {
-            TRACE_INFO("Failed to find [%wZ] in exclusion cache", pKey);
-        }
-        bExcluded = ServiceRequest_ObjectIsExcludedFile(pSid, pServicePath, pFltObjects, pIopb) == 0 ? 1 : 0;
-        if (pRecord != nullptr) {
-            AddToExclusionCache(pRecord, pKey, bExcluded);
-        }
-    }
-    ReleaseUserRecord(pRecord, 0);
-    return bExcluded;
+    *pbExcluded = 0;
+    return pRecord != nullptr && FindInExclusionCache(pRecord, pKey, pbExcluded);
 }
 
-// TRUE when the file information of pPath says it is a directory. A path that can't be opened is
-// taken for a file.
-static BOOLEAN IsKnownDirectory(PCUNICODE_STRING pPath, PCFLT_RELATED_OBJECTS pFltObjects)
+// The service's verdict on pServicePath, cached under pKey when there is a record, whatever made
+// it: only a result of exactly 0 says excluded.
+static UCHAR AskForExclusion(UserRecord* pRecord, PCUNICODE_STRING pSid, PCUNICODE_STRING pKey,
+                             PCUNICODE_STRING pServicePath, PCFLT_RELATED_OBJECTS pFltObjects,
+                             PFLT_IO_PARAMETER_BLOCK pIopb)
 {
-    FILE_BASIC_INFORMATION basic;
-    FILE_STANDARD_INFORMATION standard;
-    NTSTATUS status = pFltObjects != nullptr ? GetFileInformation(pPath, pFltObjects->Filter, pFltObjects->Instance,
-                                                                  &basic, &standard, nullptr)
-                                             : STATUS_INVALID_PARAMETER;
-    if (!NT_SUCCESS(status)) {
-        TRACE_ERROR("Failed to get file info for [%wZ] (0x%08x)", pPath, status);
-        return FALSE;
+    UCHAR bExcluded = ServiceRequest_ObjectIsExcludedFile(pSid, pServicePath, pFltObjects, pIopb) == 0 ? 1 : 0;
+    if (pRecord != nullptr) {
+        AddToExclusionCache(pRecord, pKey, bExcluded);
     }
-    return AreFileAttributesKnown(&basic) && (basic.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    return bExcluded;
 }
 
 UCHAR IsExcludedByDirectory(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT_RELATED_OBJECTS pFltObjects,
@@ -69,6 +48,10 @@ UCHAR IsExcludedByDirectory(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT
     UCHAR bExcluded = 0;
     OwnedString* pstrKey = nullptr;
     OwnedString* pstrServicePath = nullptr;
+    UserRecord* pRecord = nullptr;
+    FILE_BASIC_INFORMATION basic = {};
+    FILE_STANDARD_INFORMATION standard = {};
+    NTSTATUS status;
 
     if (pPath == nullptr) {
         return 0;
@@ -82,9 +65,16 @@ UCHAR IsExcludedByDirectory(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT
         goto Cleanup;
     }
 
-    // A file, or a path that can't be opened yet, is judged by its directory: both copies end before
-    // the last backslash, unless that is the first character.
-    if (!IsKnownDirectory(pPath, pFltObjects)) {
+    // A directory stands for itself. A file, or a path that can't be opened yet, is judged by its
+    // directory: both copies end before the last backslash, unless that is the first character.
+    status = pFltObjects != nullptr ? GetFileInformation(pPath, pFltObjects->Filter, pFltObjects->Instance, &basic,
+                                                         &standard, nullptr)
+                                    : STATUS_INVALID_PARAMETER;
+    if (!NT_SUCCESS(status)) {
+        TRACE_ERROR("Failed to get file info for [%wZ] (0x%08x)", pPath, status);
+    }
+    if (!NT_SUCCESS(status) || !AreFileAttributesKnown(&basic) ||
+        (basic.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
         USHORT usIndex = pstrKey->Length / sizeof(WCHAR);
         while (usIndex > 0 && pstrKey->Buffer[usIndex - 1] != L'\\') {
             usIndex--;
@@ -95,7 +85,18 @@ UCHAR IsExcludedByDirectory(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT
         }
     }
 
-    bExcluded = DecideExclusion(pSid, pstrKey, pstrServicePath, pFltObjects, pIopb, true);
+    pRecord = FindUserRecord(pSid);
+    if (FindCachedExclusion(pRecord, pstrKey, &bExcluded)) {
+        if (HasText(pstrKey)) {
+            TRACE_INFO("Found [%wZ] in exclusion cache. %s", pstrKey, bExcluded ? "Excluded" : "Not excluded");
+        }
+    } else {
+        if (HasText(pstrKey)) {
+            TRACE_INFO("Failed to find [%wZ] in exclusion cache", pstrKey);
+        }
+        bExcluded = AskForExclusion(pRecord, pSid, pstrKey, pstrServicePath, pFltObjects, pIopb);
+    }
+    ReleaseUserRecord(pRecord, 0);
 
 Cleanup:
     FreeUnicodeString(&pstrKey);
@@ -111,9 +112,14 @@ UCHAR IsExcludedByPath(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath, PCFLT_RELA
         return 0;
     }
     OwnedString* pstrKey = CreateExclusionKey(pPath);
-    if (pstrKey != nullptr) {
-        bExcluded = DecideExclusion(pSid, pstrKey, pPath, pFltObjects, pIopb, false);
-        FreeUnicodeString(&pstrKey);
+    if (pstrKey == nullptr) {
+        return 0;
     }
+    UserRecord* pRecord = FindUserRecord(pSid);
+    if (!FindCachedExclusion(pRecord, pstrKey, &bExcluded)) {
+        bExcluded = AskForExclusion(pRecord, pSid, pstrKey, pPath, pFltObjects, pIopb);
+    }
+    ReleaseUserRecord(pRecord, 0);
+    FreeUnicodeString(&pstrKey);
     return bExcluded;
 }

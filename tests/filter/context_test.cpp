@@ -423,7 +423,8 @@ TEST_F(ContextTable, LookupsAgreeWithAWalkOfTheListThroughThousandsOfRandomChang
         }
         for (const auto& path : paths) {
             bool locked = std::any_of(walk.begin(), walk.end(), [&](FileContext* context) {
-                return context->bValid && context->bLocked && !context->bCreatedForCcFlush && same(context->pstrPath, path);
+                return context->bValid && context->bLocked && !context->bCreatedForCcFlush &&
+                       same(context->pstrPath, path);
             });
             ASSERT_EQ(HasLockedContext(path.get()), locked) << "step " << step;
         }

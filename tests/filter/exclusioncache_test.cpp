@@ -26,7 +26,8 @@ struct Key {
 
     UNICODE_STRING String() const
     {
-        return {bytes, static_cast<USHORT>(text.size() * 2), const_cast<PWCH>(reinterpret_cast<const WCHAR*>(text.data()))};
+        return {bytes, static_cast<USHORT>(text.size() * 2),
+                const_cast<PWCH>(reinterpret_cast<const WCHAR*>(text.data()))};
     }
     std::string Bytes() const { return std::string(reinterpret_cast<const char*>(text.data()), bytes); }
 };

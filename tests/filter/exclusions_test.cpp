@@ -232,7 +232,8 @@ protected:
 
     static bool Holds(const std::vector<std::string>& lines, std::string_view text)
     {
-        return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) { return line.find(text) != line.npos; });
+        return std::any_of(lines.begin(), lines.end(),
+                           [&](const std::string& line) { return line.find(text) != line.npos; });
     }
 
     std::shared_ptr<ntsim::Process> alice_;
