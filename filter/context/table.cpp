@@ -175,13 +175,5 @@ VOID DeleteAllContexts()
 
 NTSTATUS DeleteContextLock()
 {
-    if (g_ContextLock == nullptr) {
-        return STATUS_SUCCESS;
-    }
-    NTSTATUS status = ExDeleteResourceLite(g_ContextLock);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    FreeBufferAndClear((PVOID*)&g_ContextLock);
-    return STATUS_SUCCESS;
+    return DeleteDriverLock(&g_ContextLock);
 }

@@ -42,12 +42,17 @@ static NTSTATUS MakeLock(PERESOURCE* ppLock)
     return STATUS_SUCCESS;
 }
 
-static VOID DeleteLock(PERESOURCE* ppLock)
+NTSTATUS DeleteDriverLock(PERESOURCE* ppLock)
 {
-    if (*ppLock != nullptr) {
-        ExDeleteResourceLite(*ppLock);
-        FreeBufferAndClear((PVOID*)ppLock);
+    if (*ppLock == nullptr) {
+        return STATUS_SUCCESS;
     }
+    NTSTATUS status = ExDeleteResourceLite(*ppLock);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    FreeBufferAndClear((PVOID*)ppLock);
+    return STATUS_SUCCESS;
 }
 
 // Makes the six locks in their order. A lock that can't be made is traced and the others are still
@@ -110,7 +115,7 @@ static VOID ReleaseFilter()
     }
     // The blacklist outlives a cleared configuration, but not the filter.
     FreeProcessBlacklist();
-    DeleteLock(&g_ConfigLock);
+    (VOID) DeleteDriverLock(&g_ConfigLock);
     // The file contexts go first: they hold references on tracked dirty block files. The maps
     // still live are not written back: the filter is unregistered and has no handle to write with,
     // and a file that stays open after the unload can be written unseen, so their next load starts
@@ -123,9 +128,9 @@ static VOID ReleaseFilter()
     DeleteStreamStringTable();
     (VOID) DeleteContextLock();
     (VOID) DeleteTrackedDirtyBlockFileListLock();
-    DeleteLock(&g_MupLock);
+    (VOID) DeleteDriverLock(&g_MupLock);
     (VOID) DeleteUserListLock();
-    DeleteLock(&g_TraceLock);
+    (VOID) DeleteDriverLock(&g_TraceLock);
 }
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)

@@ -129,13 +129,5 @@ VOID ClearUserRecords()
 
 NTSTATUS DeleteUserListLock()
 {
-    if (g_UserListLock == nullptr) {
-        return STATUS_SUCCESS;
-    }
-    NTSTATUS status = ExDeleteResourceLite(g_UserListLock);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    FreeBufferAndClear((PVOID*)&g_UserListLock);
-    return STATUS_SUCCESS;
+    return DeleteDriverLock(&g_UserListLock);
 }
