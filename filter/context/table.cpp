@@ -125,12 +125,13 @@ FileContext* FindContextByFileObject(PFILE_OBJECT pFileObject, BOOLEAN bIncludeI
 {
     FileContext* pFound = nullptr;
 
-    // The index keeps the records of one file object newest first, as the list does.
+    // The index keeps the records of one file object newest first, as the list does. A pointer's
+    // hash is its own: every link of the hash is a record of this file object.
     AcquireLockExclusive(g_ContextLock);
     for (HashLink* pLink = FirstHashLink(&g_ContextsByFileObject, HashOfPointer(pFileObject)); pLink != nullptr;
          pLink = NextHashLink(pLink)) {
         FileContext* pCandidate = CONTAINING_RECORD(pLink, FileContext, FileObjectLink);
-        if (pCandidate->pFileObject == pFileObject && (bIncludeInvalid || pCandidate->bValid)) {
+        if (bIncludeInvalid || pCandidate->bValid) {
             pFound = pCandidate;
             break;
         }
