@@ -6,10 +6,12 @@
 
 #include <foldermerge/service/responder.hpp>
 
+#include <ntsim/sim/clock.hpp>
 #include <ntsim/sim/faults.hpp>
 #include <ntsim/sim/process.hpp>
 
 #include <algorithm>
+#include <future>
 #include <memory>
 
 #include "exclusions.h"
@@ -20,6 +22,7 @@ namespace {
 
 using service::ReplyContent;
 using service::RequestView;
+using service::ResponderAction;
 using service::ScriptedResponder;
 
 constexpr char16_t kMusic[] = u"\\Device\\HarddiskVolume2\\Data\\Music";
@@ -156,6 +159,25 @@ TEST_F(ExclusionVerdicts, AnAnswerThatNeverCameIsCachedAsNotExcludedUntilTheNext
     // A configuration forgets every verdict.
     ASSERT_EQ(Configure({{kAlice, u"C:\\Data"}}), STATUS_SUCCESS);
     EXPECT_EQ(ByDirectory(u"\\Device\\HarddiskVolume2\\Data\\Music\\song.mp3"), 1);
+    EXPECT_EQ(service.RequestCount(), 1u);
+}
+
+TEST_F(ExclusionVerdicts, AQueryThatTimedOutLeavesNotExcludedForTheNextTestsWithoutARequest)
+{
+    ScriptedResponder service;
+    service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE, .action = ResponderAction::NoAnswer, .uses = 1});
+    ExcludeDirectories(service, {kMusic});
+    ASSERT_EQ(service.Connect(), S_OK);
+
+    auto verdict = std::async(std::launch::async, [&] {
+        return ByDirectory(u"\\Device\\HarddiskVolume2\\Data\\Music\\song.mp3");
+    });
+    ASSERT_TRUE(service.WaitForHandled(1));
+    ntsim::clock::Advance(30 * ntsim::clock::kMinute);
+    EXPECT_EQ(verdict.get(), 0);
+
+    // The service would now say excluded, but isn't asked.
+    EXPECT_EQ(ByDirectory(u"\\Device\\HarddiskVolume2\\Data\\Music\\song.mp3"), 0);
     EXPECT_EQ(service.RequestCount(), 1u);
 }
 
