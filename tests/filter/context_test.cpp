@@ -312,20 +312,6 @@ TEST_F(ContextTable, TheSamePathUnderTwoSidsIsInvalidatedPerSidButSeenLockedByAn
     EXPECT_FALSE(HasLockedContext(nullptr));
 }
 
-TEST_F(ContextTable, RecordsLeftInTheTableAreFreedByTheUnload)
-{
-    Add(0);
-    Add(1, kOtherPath)->pstrFilter = CopyUnicodeString(ntsim::UnicodeStringHolder(u"*").get());
-    Add(0);
-    ASSERT_EQ(ntsim::UnloadFilter(kFilterName), STATUS_SUCCESS);
-    loaded_ = false;
-    EXPECT_EQ(g_ContextList, nullptr);
-    EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    loaded_ = true;
-    EXPECT_EQ(Find(0, true), nullptr);
-}
-
 class ContextsOfTrackedFiles : public DirtyBlockTest {};
 
 TEST_F(ContextsOfTrackedFiles, EachDeletedRecordGivesItsReferenceBackAndTheLastOneWritesTheMap)

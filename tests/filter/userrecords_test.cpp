@@ -130,22 +130,6 @@ TEST_F(UserRecords, ARecordInUseDuringAClearIsOrphanedAndFreedByItsLastHolder)
     ReleaseUserRecord(fresh, 0);
 }
 
-TEST_F(UserRecords, AForcedReleaseTakesAHeldRecordOutOnce)
-{
-    UserRecord* alice = Find(kAlice);
-    UserRecord* bob = Find(kBob);
-    UserRecord* again = Find(kAlice);
-    ReleaseUserRecord(alice, 1);
-    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{bob}));
-    EXPECT_EQ(alice->refCount, 2u);
-    ReleaseUserRecord(again, 0);
-    ReleaseUserRecord(alice, 0);
-    EXPECT_FALSE(ntsim::pool::IsLive(alice));
-    EXPECT_EQ(Listed(), (std::vector<UserRecord*>{bob}));
-    ReleaseUserRecord(bob, 0);
-    ReleaseUserRecord(nullptr, 1);
-}
-
 TEST_F(UserRecords, ARecordThatCantBeMadeLeavesNothingInTheList)
 {
     const auto before = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount;
@@ -198,19 +182,6 @@ TEST_F(UserRecords, RecordsClearedUnderBusyHoldersAreAllFreedByTheLastOfThem)
     EXPECT_GT(clears, 0);
     EXPECT_TRUE(Listed().empty());
     EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, before);
-}
-
-TEST_F(UserRecords, TheUnloadFreesEveryRecordAndItsCache)
-{
-    UserRecord* alice = Find(kAlice);
-    for (int index = 0; index < 100; index++) {
-        Cache(alice, u"\\dir" + ntsim::ToUtf16(std::to_string(index)) + u"\\", index % 2);
-    }
-    ReleaseUserRecord(alice, 0);
-    ReleaseUserRecord(Find(kBob), 0);
-    ASSERT_EQ(ntsim::UnloadFilter(kFilterName), STATUS_SUCCESS);
-    loaded_ = false;
-    EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, 0u);
 }
 
 }  // namespace
