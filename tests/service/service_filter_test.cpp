@@ -93,11 +93,12 @@ TEST_F(ServiceAndFilter, EveryStateAndTransitionOfTheServiceConnection)
     // Not yet configured: nothing is managed, and there is nobody to ask.
     EXPECT_EQ(Observe(), (Observed{0, 0, STATUS_SUCCESS, STATUS_PORT_DISCONNECTED}));
 
-    // Operating, configured by the service's arrival; its receiver answers the requests.
+    // Operating, configured by the service's arrival; its receiver answers the requests: the
+    // exclusion query of alice's write to her folder (not excluded), then her request.
     ASSERT_EQ(service_->Arrive(), S_OK);
     EXPECT_EQ(Observe(), (Observed{0, 1, STATUS_ACCESS_DENIED, kAnswered}));
-    EXPECT_TRUE(service_->WaitForRequestsAnswered(1));
-    EXPECT_EQ(service_->requestsAnswered(), 1u);
+    EXPECT_TRUE(service_->WaitForRequestsAnswered(2));
+    EXPECT_EQ(service_->requestsAnswered(), 2u);
 
     // Operating, with the configuration replaced whole: alice's folder writable, bob's read-only.
     ASSERT_EQ(Configure({.folders = {{kAlice, u"C:\\Data", false}, {kBob, u"C:\\Shared", true}}}), S_OK);

@@ -195,6 +195,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
 
     auto system = ntsim::CreateNtfsVolume(kSystemVolume);
     system->SeedFile(OnVolume(alicePlan), "alice's plan");
+    system->SeedFile(OnVolume(aliceFolder) + u"\\Cache\\thumbs.db", "thumbnails");
     system->SeedFile(OnVolume(bobFolder) + u"\\notes.txt", "bob's notes");
     system->SeedFile(u"\\Windows\\win.ini", "[fonts]\r\n");
     auto fat = ntsim::CreateFatVolume(kFatVolume);
@@ -301,6 +302,9 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
             STATUS_SUCCESS);
         add("A blacklisted process", aliceBackupUser, readPlan, "reading", Verdict::Blacklisted, STATUS_SUCCESS,
             STATUS_SUCCESS);
+        add("A folder the service excludes", aliceUser,
+            {NtPath(aliceFolder) + u"\\Cache\\thumbs.db", FILE_GENERIC_READ}, "reading", Verdict::Excluded,
+            STATUS_SUCCESS, STATUS_SUCCESS);
         add("A path outside every merge folder", aliceUser, {u"\\??\\C:\\Windows\\win.ini", FILE_GENERIC_READ},
             "reading", Verdict::LeftAlone, STATUS_SUCCESS, STATUS_SUCCESS);
         add("A file below a read-only folder is writable", aliceUser, {plan, FILE_GENERIC_WRITE}, "writing",
