@@ -103,6 +103,7 @@ class MemoryOpen final : public VolumeOpen {
 public:
     ~MemoryOpen() override;
     bool IsDirectory() const override { return !volumeOpen && node && node->directory && !namedStream; }
+    RecordedShareAccess ShareAccess() const override { return recordedShareAccess; }
 
     std::shared_ptr<MemoryVolumeImpl> volume;
     bool volumeOpen = false;      // an open of the volume itself (empty path)
@@ -113,7 +114,8 @@ public:
     ACCESS_MASK access = 0;
     ULONG shareAccess = 0;
     ULONG createOptions = 0;
-    bool shareRecorded = false;
+    bool shareRecorded = false;   // counted in the stream's share access until cleanup
+    RecordedShareAccess recordedShareAccess;
     bool cleanedUp = false;
     bool deleteOnClose = false;   // FILE_DELETE_ON_CLOSE or a disposition with FILE_DISPOSITION_ON_CLOSE
     bool posixDelete = false;     // this handle's cleanup removes the name at once

@@ -35,13 +35,24 @@ NTSTATUS CheckShareAccess(const ShareAccess& current, ACCESS_MASK access, ULONG 
     return STATUS_SUCCESS;
 }
 
-// IoSetShareAccess: returns whether anything was recorded (opens without read, write or delete
-// access take no part in share access).
-bool RecordShareAccess(ShareAccess& current, ACCESS_MASK access, ULONG share)
+// IoSetShareAccess: records the open in the stream's share access and in the open, unless the open
+// skips share access or takes no part in it (no read, write or delete access).
+void RecordShareAccess(ShareAccess& current, const VolumeCreateParameters& parameters, MemoryOpen& open)
 {
-    if (!WantsShareCheck(access)) {
-        return false;
+    const ACCESS_MASK access = parameters.desiredAccess;
+    const ULONG share = parameters.shareAccess;
+    if (parameters.ignoreShareAccess || !WantsShareCheck(access)) {
+        return;
     }
+    open.shareRecorded = true;
+    open.recordedShareAccess = RecordedShareAccess{
+        .readAccess = (access & kReadShareAccess) != 0,
+        .writeAccess = (access & kWriteShareAccess) != 0,
+        .deleteAccess = (access & kDeleteShareAccess) != 0,
+        .sharedRead = (share & FILE_SHARE_READ) != 0,
+        .sharedWrite = (share & FILE_SHARE_WRITE) != 0,
+        .sharedDelete = (share & FILE_SHARE_DELETE) != 0,
+    };
     current.openCount++;
     current.readers += (access & kReadShareAccess) ? 1 : 0;
     current.writers += (access & kWriteShareAccess) ? 1 : 0;
@@ -49,7 +60,6 @@ bool RecordShareAccess(ShareAccess& current, ACCESS_MASK access, ULONG share)
     current.sharedRead += (share & FILE_SHARE_READ) ? 1 : 0;
     current.sharedWrite += (share & FILE_SHARE_WRITE) ? 1 : 0;
     current.sharedDelete += (share & FILE_SHARE_DELETE) ? 1 : 0;
-    return true;
 }
 
 void RemoveShareAccess(ShareAccess& current, ACCESS_MASK access, ULONG share)
@@ -449,9 +459,8 @@ NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters
                 if (!NT_SUCCESS(status)) {
                     return status;
                 }
-                open->shareRecorded =
-                    RecordShareAccess(stream->share, parameters.desiredAccess, parameters.shareAccess);
             }
+            RecordShareAccess(stream->share, parameters, *open);
             *information = FindEntry(*parent, parsed.components.back()) ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
             if (finalComponent != nullptr) {
                 *finalComponent = LastComponentText(parameters.path);
@@ -578,9 +587,7 @@ NTSTATUS MemoryVolumeImpl::OpenExisting(const VolumeCreateParameters& parameters
     } else {
         *information = FILE_OPENED;
     }
-    if (!parameters.ignoreShareAccess) {
-        open.shareRecorded = RecordShareAccess(stream->share, parameters.desiredAccess, parameters.shareAccess);
-    }
+    RecordShareAccess(stream->share, parameters, open);
     open.node = target.node;
     open.link = target.link;
     open.stream = stream;
@@ -624,9 +631,7 @@ NTSTATUS MemoryVolumeImpl::CreateNew(const VolumeCreateParameters& parameters, c
     if (!directory) {
         stream->allocationSize = RoundToCluster(parameters.allocationSize);
     }
-    if (!parameters.ignoreShareAccess) {
-        open.shareRecorded = RecordShareAccess(stream->share, parameters.desiredAccess, parameters.shareAccess);
-    }
+    RecordShareAccess(stream->share, parameters, open);
     open.node = node;
     open.link = link;
     open.stream = stream;

@@ -81,6 +81,18 @@ std::u16string ParentPath(const std::u16string& path)
     return path.substr(0, slash);
 }
 
+// The file system's IoSetShareAccess leaves what it recorded for the open in the file object,
+// where filters read it from the post-create on.
+void SetShareAccessFlags(FILE_OBJECT& fileObject, const RecordedShareAccess& recorded)
+{
+    fileObject.ReadAccess = recorded.readAccess;
+    fileObject.WriteAccess = recorded.writeAccess;
+    fileObject.DeleteAccess = recorded.deleteAccess;
+    fileObject.SharedRead = recorded.sharedRead;
+    fileObject.SharedWrite = recorded.sharedWrite;
+    fileObject.SharedDelete = recorded.sharedDelete;
+}
+
 void ReplaceFileName(FILE_OBJECT& fileObject, std::u16string_view name)
 {
     const size_t bytes = name.size() * sizeof(WCHAR);
@@ -271,6 +283,7 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
                      std::u16string finalComponent;
                      status = volume->volume->Create(volumeParameters, &open, &information, &finalComponent);
                      if (NT_SUCCESS(status) && open != nullptr) {
+                         SetShareAccessFlags(*parameters.TargetFileObject, open->ShareAccess());
                          record->open = std::move(open);
                          record->volumePath = volumeParameters.path;
                          if ((parameters.OperationFlags & SL_OPEN_TARGET_DIRECTORY) != 0) {
@@ -320,14 +333,6 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
 
         record->grantedAccess = access;
         record->createOptions = options;
-        fileObject.ReadAccess = (access & (FILE_READ_DATA | FILE_EXECUTE)) != 0;
-        fileObject.WriteAccess = (access & (FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0;
-        fileObject.DeleteAccess = (access & DELETE) != 0;
-        if (!ignoreShareAccess) {
-            fileObject.SharedRead = (request.shareAccess & FILE_SHARE_READ) != 0;
-            fileObject.SharedWrite = (request.shareAccess & FILE_SHARE_WRITE) != 0;
-            fileObject.SharedDelete = (request.shareAccess & FILE_SHARE_DELETE) != 0;
-        }
         if ((options & FILE_DELETE_ON_CLOSE) != 0) {
             fileObject.Flags |= FO_DELETE_ON_CLOSE;
         }

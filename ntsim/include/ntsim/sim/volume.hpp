@@ -32,6 +32,19 @@ struct VolumeCreateParameters {
     bool ignoreShareAccess = false;  // IO_IGNORE_SHARE_ACCESS_CHECK: no check, nothing recorded
 };
 
+// What IoCheckShareAccess and IoSetShareAccess leave in the FILE_OBJECT of an open: the access
+// flags of an open that takes part in share access (read, write or delete access) and the sharing it
+// granted. An open that takes no part, or that skipped the check (IO_IGNORE_SHARE_ACCESS_CHECK),
+// records nothing: every flag is false.
+struct RecordedShareAccess {
+    bool readAccess = false;
+    bool writeAccess = false;
+    bool deleteAccess = false;
+    bool sharedRead = false;
+    bool sharedWrite = false;
+    bool sharedDelete = false;
+};
+
 // One open of one stream, as the file system keeps it. Opaque to the I/O manager. Destroying an open
 // is its close (the last reference); an open destroyed without Cleanup is cleaned up first, so share
 // access and delete dispositions are never left behind. Cleanup runs once; a second call does nothing.
@@ -40,6 +53,8 @@ class VolumeOpen {
 public:
     virtual ~VolumeOpen() = default;
     virtual bool IsDirectory() const = 0;
+    // The share access this open recorded when it was made (cleanup does not change the answer).
+    virtual RecordedShareAccess ShareAccess() const = 0;
 };
 
 class Volume {
