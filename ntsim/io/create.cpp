@@ -222,6 +222,8 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
             }
             return STATUS_INSUFFICIENT_RESOURCES;
         }
+        // The file object is an object from here on: filters may reference it during the create.
+        RegisterFileObject(record);
         FILE_OBJECT& fileObject = record->fileObject;
         fileObject.Flags = FileObjectFlagsFor(options, attributes->Attributes, related == nullptr && fileName.empty());
 
@@ -262,6 +264,7 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
 
         Dispatch(*volume, request.below.get(), frame,
                  [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& parameters) {
+                     record->createStage = CreateStage::AfterFileSystem;
                      const auto& params = parameters.Parameters.Create;
                      VolumeCreateParameters volumeParameters;
                      NTSTATUS status = PathForFileSystem(*parameters.TargetFileObject, &volumeParameters.path);
@@ -295,19 +298,18 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
                      data.IoStatus.Information = information;
                  });
         SeReleaseSubjectContext(&accessState.SubjectSecurityContext);
+        record->createStage = CreateStage::Finished;
 
         const NTSTATUS status = frame.data.IoStatus.Status;
         const ULONG_PTR information = frame.data.IoStatus.Information;
         if (!NT_SUCCESS(status) || status == STATUS_REPARSE) {
-            if (record->open != nullptr) {
-                // Opened below, then failed on the way up: the file system's open is undone.
-                volume->volume->Cleanup(*record->open);
-            }
             const bool reparse = status == STATUS_REPARSE && information == IO_REPARSE;
             if (reparse) {
                 name = std::u16string(View(fileObject.FileName));
             }
-            FreeFileObject(record);
+            // The creator's reference goes; an open that a post-create cancelled gets its close when
+            // the last one goes (a filter may still hold one).
+            DereferenceFile(record);
             if (reparse && reparses < kMaximumReparses) {
                 // The new name is parsed from the root of the namespace again.
                 if (related != nullptr) {
@@ -337,7 +339,6 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
             fileObject.Flags |= FO_DELETE_ON_CLOSE;
         }
         fileObject.Flags |= FO_FILE_OPEN;
-        RegisterFileObject(record);
         if (related != nullptr) {
             DereferenceFile(related);
         }

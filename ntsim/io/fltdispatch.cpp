@@ -71,10 +71,14 @@ void RunPostCallbacks(_FLT_VOLUME& volume, CallbackFrame& frame, std::vector<Pen
         frame.iopb.TargetInstance = &instance;
         const FLT_RELATED_OBJECTS objects{sizeof(FLT_RELATED_OBJECTS), 0, instance.filter.get(), &volume, &instance,
                                           frame.iopb.TargetFileObject, nullptr};
+        const NTSTATUS statusBefore = data.IoStatus.Status;
         FLT_POSTOP_CALLBACK_STATUS status;
         {
             verifier::CallbackScope scope("post-operation callback");
             status = instance.post[frame.iopb.MajorFunction](&data, &objects, post->context, 0);
+        }
+        if (frame.iopb.MajorFunction == IRP_MJ_CREATE) {
+            CheckPostCreateResult(RecordOf(frame.iopb.TargetFileObject), post->instance, data, statusBefore);
         }
         if (status != FLT_POSTOP_FINISHED_PROCESSING) {
             verifier::BugCheck(rules::kInvalidPostopStatus,

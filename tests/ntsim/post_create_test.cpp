@@ -152,5 +152,205 @@ TEST_F(PostCreateTest, OpenThatIgnoresShareAccessRecordsNoneInItsFileObject)
     NtClose(exclusive.handle);
 }
 
+// ---- the cancel of an open ----
+
+using FilterC = TestFilter<2>;
+
+// What a post-create of filter A does to a successful open of "\<target>": cancel it or not, set
+// a status or not, keep a reference on the file object or not.
+struct Refusal {
+    std::string target;
+    bool cancel = true;
+    NTSTATUS status = STATUS_ACCESS_DENIED;  // STATUS_SUCCESS: the status is left as it is
+    bool keepReference = false;
+    PFILE_OBJECT kept = nullptr;
+};
+
+Refusal& Refuse()
+{
+    static Refusal refusal;
+    return refusal;
+}
+
+class CancelTest : public PostCreateTest {
+protected:
+    void SetUp() override
+    {
+        PostCreateTest::SetUp();
+        FilterC::Reset();
+        Refuse() = Refusal{};
+        FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID) {
+            PFILE_OBJECT fileObject = data->Iopb->TargetFileObject;
+            if (data->Iopb->MajorFunction != IRP_MJ_CREATE || data->IoStatus.Status != STATUS_SUCCESS ||
+                ntsim::ToUtf8(fileObject->FileName) != "\\" + Refuse().target) {
+                return;
+            }
+            if (Refuse().keepReference) {
+                ObReferenceObject(fileObject);
+                Refuse().kept = fileObject;
+            }
+            if (Refuse().cancel) {
+                FltCancelFileOpen(objects->Instance, fileObject);
+            }
+            if (Refuse().status != STATUS_SUCCESS) {
+                data->IoStatus.Status = Refuse().status;
+                data->IoStatus.Information = 0;
+            }
+        };
+        // C above A, B below it.
+        ASSERT_EQ(FilterC::Load(u"380000"), STATUS_SUCCESS);
+        ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
+        ASSERT_EQ(FilterB::Load(u"360000"), STATUS_SUCCESS);
+    }
+
+    // An open that shares nothing, and that A lets pass: it succeeds only when no other open
+    // holds the file.
+    NTSTATUS OpenExclusively(std::u16string_view path)
+    {
+        Refuse().target.clear();
+        Opened file = Open(path, FILE_GENERIC_READ | FILE_GENERIC_WRITE, 0, FILE_OPEN);
+        if (NT_SUCCESS(file.status)) {
+            NtClose(file.handle);
+        }
+        return file.status;
+    }
+};
+
+TEST_F(CancelTest, CancelledOpenIsCleanedUpAndClosedBelowTheCancellingFilterAndKeepsWhatItDid)
+{
+    Refuse().target = "created.txt";
+    Opened file = Open(u"\\??\\C:\\created.txt", FILE_GENERIC_READ | FILE_GENERIC_WRITE, 0, FILE_CREATE);
+    EXPECT_EQ(file.status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(file.information, 0u);
+
+    EXPECT_EQ(MajorsSeenBy('B'), (Majors{IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
+    EXPECT_EQ(MajorsSeenBy('A'), (Majors{IRP_MJ_CREATE}));
+    EXPECT_EQ(MajorsSeenBy('C'), (Majors{IRP_MJ_CREATE}));
+    std::vector<Event> creates = EventsOf(IRP_MJ_CREATE);
+    ASSERT_EQ(Sequence(IRP_MJ_CREATE), (Strings{"C pre", "A pre", "B pre", "B post", "A post", "C post"}));
+    EXPECT_EQ(creates[3].status, STATUS_SUCCESS);
+    EXPECT_EQ(creates[5].status, STATUS_ACCESS_DENIED) << "the filters above see the failure";
+
+    // The cleanup came while the post-create of A ran, before C's post-create.
+    std::vector<Event> all;
+    {
+        std::lock_guard lock(EventsMutex());
+        all = Events();
+    }
+    ASSERT_GE(all.size(), 8u);
+    EXPECT_EQ(all[4].major, IRP_MJ_CREATE) << "A post";
+    EXPECT_EQ(all[5].major, IRP_MJ_CLEANUP) << "B pre-cleanup";
+
+    EXPECT_TRUE(volume_->Exists(u"\\created.txt")) << "a cancel does not undo the create";
+    EXPECT_EQ(volume_->HandleCount(u"\\created.txt"), 0u);
+    EXPECT_EQ(volume_->OpenCount(), 0u) << "the close came with the last reference";
+    EXPECT_EQ(OpenExclusively(u"\\??\\C:\\created.txt"), STATUS_SUCCESS) << "the share access was released";
+}
+
+TEST_F(CancelTest, CancelledDeleteOnCloseOpenDeletesTheFileWhenItsLastHandleGoes)
+{
+    volume_->SeedFile(u"\\doomed.txt", "x");
+    const ULONG shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    Opened holder = Open(u"\\??\\C:\\doomed.txt", FILE_GENERIC_READ, shareAll, FILE_OPEN);
+    ASSERT_EQ(holder.status, STATUS_SUCCESS);
+    Refuse().target = "doomed.txt";
+
+    Opened doomed = Open(u"\\??\\C:\\doomed.txt", DELETE | SYNCHRONIZE, shareAll, FILE_OPEN,
+                         FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT);
+    EXPECT_EQ(doomed.status, STATUS_ACCESS_DENIED);
+    Refuse().target.clear();
+    EXPECT_TRUE(volume_->Exists(u"\\doomed.txt")) << "another handle is still open";
+    EXPECT_EQ(Open(u"\\??\\C:\\doomed.txt", FILE_GENERIC_READ, shareAll, FILE_OPEN).status, STATUS_DELETE_PENDING);
+    ASSERT_EQ(NtClose(holder.handle), STATUS_SUCCESS);
+    EXPECT_FALSE(volume_->Exists(u"\\doomed.txt"));
+}
+
+TEST_F(CancelTest, ReferenceTakenInThePostCreateDelaysTheCloseOfACancelledOpen)
+{
+    Refuse().target = "kept.txt";
+    Refuse().keepReference = true;
+    Opened file = Open(u"\\??\\C:\\kept.txt");
+    EXPECT_EQ(file.status, STATUS_ACCESS_DENIED);
+    PFILE_OBJECT kept = Refuse().kept;
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(MajorsSeenBy('B'), (Majors{IRP_MJ_CREATE, IRP_MJ_CLEANUP}));
+    EXPECT_EQ(kept->Flags & (FO_FILE_OPEN_CANCELLED | FO_CLEANUP_COMPLETE | FO_FILE_OPEN | FO_HANDLE_CREATED),
+              ULONG{FO_FILE_OPEN_CANCELLED | FO_CLEANUP_COMPLETE});
+    EXPECT_EQ(volume_->OpenCount(), 1u);
+    EXPECT_EQ(OpenExclusively(u"\\??\\C:\\kept.txt"), STATUS_SUCCESS) << "the cleanup released the share access";
+
+    ClearEvents();
+    ObDereferenceObject(kept);
+    EXPECT_EQ(MajorsSeenBy('B'), (Majors{IRP_MJ_CLOSE}));
+    EXPECT_TRUE(MajorsSeenBy('A').empty());
+    EXPECT_EQ(volume_->OpenCount(), 0u);
+}
+
+TEST_F(CancelTest, FailingAnOpenWithoutCancellingItIsAVerifierErrorAndTheOpenIsCancelledForIt)
+{
+    Refuse().target = "forgot.txt";
+    Refuse().cancel = false;
+    ntsim::verifier::BugCheckCapture capture;
+    Opened file = Open(u"\\??\\C:\\forgot.txt", FILE_GENERIC_READ | FILE_GENERIC_WRITE, 0);
+    EXPECT_EQ(file.status, STATUS_ACCESS_DENIED);
+    const std::string detail = capture.ConsumeDetail("FLT_OPEN_FAILED_WITHOUT_CANCEL");
+    EXPECT_NE(detail.find("TestFilterA"), std::string::npos) << detail;
+    EXPECT_NE(detail.find("\\forgot.txt"), std::string::npos) << detail;
+    EXPECT_EQ(MajorsSeenBy('B'), (Majors{IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
+    EXPECT_EQ(OpenExclusively(u"\\??\\C:\\forgot.txt"), STATUS_SUCCESS);
+
+    // A failure from below is no post-create's doing.
+    EXPECT_EQ(Open(u"\\??\\C:\\missing.txt", FILE_GENERIC_READ, 0, FILE_OPEN).status, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(capture.Count(), 0u);
+}
+
+TEST_F(CancelTest, CancelsThatWindowsRefusesAreVerifierErrors)
+{
+    ntsim::verifier::BugCheckCapture capture;
+
+    // Cancelled, but left successful: the open fails all the same.
+    Refuse().target = "unfailed.txt";
+    Refuse().status = STATUS_SUCCESS;
+    EXPECT_EQ(Open(u"\\??\\C:\\unfailed.txt").status, STATUS_CANCELLED);
+    EXPECT_TRUE(capture.Consume("FLT_CANCELLED_OPEN_NOT_FAILED"));
+    EXPECT_EQ(OpenExclusively(u"\\??\\C:\\unfailed.txt"), STATUS_SUCCESS);
+
+    // In a pre-create nothing is open yet; the create goes on.
+    static bool cancelled;
+    cancelled = false;
+    FilterB::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*) {
+        if (data->Iopb->MajorFunction == IRP_MJ_CREATE) {
+            FltCancelFileOpen(objects->Instance, data->Iopb->TargetFileObject);
+            cancelled = true;
+        }
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    };
+    Opened early = Open(u"\\??\\C:\\early.txt");
+    EXPECT_EQ(early.status, STATUS_SUCCESS);
+    EXPECT_TRUE(cancelled);
+    EXPECT_NE(capture.ConsumeDetail("INVALID_CANCEL_OF_FILE_OPEN").find("outside the post-create"), std::string::npos);
+    FilterB::script().pre = nullptr;
+
+    // Once the open has a handle.
+    PFILE_OBJECT fileObject = ntsim::ReferenceFileObjectByHandle(early.handle);
+    ASSERT_NE(fileObject, nullptr);
+    PFLT_INSTANCE instance = FilterA::Instance(u"C:");
+    FltCancelFileOpen(instance, fileObject);
+    EXPECT_NE(capture.ConsumeDetail("INVALID_CANCEL_OF_FILE_OPEN").find("has a handle"), std::string::npos);
+    FltObjectDereference(instance);
+    ObDereferenceObject(fileObject);
+    NtClose(early.handle);
+
+    // A create that the file system failed has nothing to cancel.
+    FilterB::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID) {
+        if (data->Iopb->MajorFunction == IRP_MJ_CREATE && !NT_SUCCESS(data->IoStatus.Status)) {
+            FltCancelFileOpen(objects->Instance, data->Iopb->TargetFileObject);
+        }
+    };
+    EXPECT_EQ(Open(u"\\??\\C:\\absent.txt", FILE_GENERIC_READ, 0, FILE_OPEN).status, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_NE(capture.ConsumeDetail("INVALID_CANCEL_OF_FILE_OPEN").find("did not open"), std::string::npos);
+    EXPECT_EQ(capture.Count(), 0u);
+}
+
 }  // namespace
 }  // namespace iotest

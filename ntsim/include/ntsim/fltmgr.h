@@ -546,6 +546,13 @@ NTSTATUS FLTAPI FltCreateFileEx(PFLT_FILTER Filter, PFLT_INSTANCE Instance, PHAN
                                 ULONG Flags);
 NTSTATUS FLTAPI FltClose(HANDLE FileHandle);
 
+// From a post-create callback, before it sets a failure status on an open that the file system
+// made: the instances below Instance and the file system see the cleanup of FileObject now and its
+// close when its last reference goes (the instances above see only the failure). Nothing the open
+// did is undone; a FILE_DELETE_ON_CLOSE open deletes the file at that cleanup. Sets
+// FO_FILE_OPEN_CANCELLED. PASSIVE_LEVEL.
+VOID FLTAPI FltCancelFileOpen(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject);
+
 // Synchronous reads and writes below InitiatingInstance (CallbackRoutine must be null). A null
 // ByteOffset uses the file object's position (synchronous file objects only). Flags:
 // FLTFL_IO_OPERATION_NON_CACHED, _PAGING, _SYNCHRONOUS_PAGING, _DO_NOT_UPDATE_BYTE_OFFSET.
