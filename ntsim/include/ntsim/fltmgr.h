@@ -509,9 +509,11 @@ NTSTATUS FLTAPI FltObjectReference(PVOID FltObject);
 VOID FLTAPI FltObjectDereference(PVOID FltObject);
 
 // Name of the target of an operation. FLT_FILE_NAME_NORMALIZED gives the long-name form (short
-// names expanded by the file system) and fails for a file that does not exist (as in a
-// pre-create of a new file); FLT_FILE_NAME_OPENED gives the name as opened. The result is
-// referenced; release it with FltReleaseFileNameInformation. PASSIVE_LEVEL or APC_LEVEL.
+// names expanded by the file system) and fails for a file that does not exist, except in a
+// pre-create: there a last component that does not exist yet is kept as the caller gave it,
+// behind its parent's normalized name (STATUS_OBJECT_PATH_NOT_FOUND when the parent does not
+// exist). FLT_FILE_NAME_OPENED gives the name as opened. The result is referenced; release it
+// with FltReleaseFileNameInformation. PASSIVE_LEVEL or APC_LEVEL.
 NTSTATUS FLTAPI FltGetFileNameInformation(PFLT_CALLBACK_DATA CallbackData, FLT_FILE_NAME_OPTIONS NameOptions,
                                           PFLT_FILE_NAME_INFORMATION* FileNameInformation);
 NTSTATUS FLTAPI FltGetFileNameInformationUnsafe(PFILE_OBJECT FileObject, PFLT_INSTANCE Instance,
