@@ -392,22 +392,24 @@ void MemoryVolumeImpl::Touch(Node& node, bool written) const
 // ---- create ----
 
 NTSTATUS MemoryVolumeImpl::Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                                  ULONG_PTR* information, std::u16string* finalComponent)
+                                  ULONG_PTR* information, std::u16string* finalComponent,
+                                  std::vector<UCHAR>* reparseBuffer)
 {
     std::unique_ptr<MemoryOpen> created;
     NTSTATUS status;
     {
         std::lock_guard lock(mutex_);
-        status = CreateLocked(parameters, &created, information, finalComponent);
+        status = CreateLocked(parameters, &created, information, finalComponent, reparseBuffer);
     }
-    if (NT_SUCCESS(status)) {
+    if (NT_SUCCESS(status) && created != nullptr) {
         *open = std::move(created);
     }
     return status;
 }
 
 NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters, std::unique_ptr<MemoryOpen>* out,
-                                        ULONG_PTR* information, std::u16string* finalComponent)
+                                        ULONG_PTR* information, std::u16string* finalComponent,
+                                        std::vector<UCHAR>* reparseBuffer)
 {
     const ULONG disposition = parameters.disposition;
     const ULONG options = parameters.createOptions;
@@ -438,6 +440,10 @@ NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters
         }
         if (features_.readOnly && WouldWrite(parameters)) {
             return STATUS_ACCESS_DENIED;
+        }
+        status = ReparseOnTheWay(parameters, parsed, information, reparseBuffer);
+        if (status != STATUS_SUCCESS) {
+            return status;
         }
         if (parameters.flags & kOpenTargetDirectory) {
             if (parsed.components.empty()) {
@@ -490,6 +496,50 @@ NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters
     open->volume = shared_from_this();
     ++openCount_;
     *out = std::move(open);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS MemoryVolumeImpl::ReparseOnTheWay(const VolumeCreateParameters& parameters, const ParsedPath& parsed,
+                                           ULONG_PTR* information, std::vector<UCHAR>* reparseBuffer) const
+{
+    // A target-directory open walks to the parent, which is what it opens.
+    size_t count = parsed.components.size();
+    if ((parameters.flags & kOpenTargetDirectory) != 0 && count > 0) {
+        --count;
+    }
+    const std::u16string& path = parameters.path;
+    size_t end = 0;  // the end of the components walked so far in path (path[0] is the root's '\')
+    std::shared_ptr<Node> current = root_;
+    for (size_t i = 0; i < count; ++i) {
+        auto entry = FindEntry(*current, parsed.components[i]);
+        if (!entry) {
+            return STATUS_SUCCESS;  // for the rest of the create to report
+        }
+        end = path.find(u'\\', end + 1);
+        if (end == std::u16string::npos) {
+            end = path.size();
+        }
+        const Node& node = *entry->node;
+        const bool openItself = i + 1 == count && (parameters.createOptions & FILE_OPEN_REPARSE_POINT) != 0;
+        if (node.reparseTag != 0 && !openItself) {
+            const size_t unparsedBytes = (path.size() - end) * sizeof(WCHAR);
+            if (reparseBuffer != nullptr) {
+                reparseBuffer->assign(REPARSE_DATA_BUFFER_HEADER_SIZE + node.reparseData.size(), 0);
+                auto* buffer = reinterpret_cast<REPARSE_DATA_BUFFER*>(reparseBuffer->data());
+                buffer->ReparseTag = node.reparseTag;
+                buffer->ReparseDataLength = static_cast<USHORT>(node.reparseData.size());
+                buffer->Reserved = static_cast<USHORT>(unparsedBytes);
+                std::copy(node.reparseData.begin(), node.reparseData.end(),
+                          reparseBuffer->begin() + REPARSE_DATA_BUFFER_HEADER_SIZE);
+            }
+            *information = node.reparseTag;
+            return STATUS_REPARSE;
+        }
+        if (!node.directory) {
+            return STATUS_SUCCESS;
+        }
+        current = entry->node;
+    }
     return STATUS_SUCCESS;
 }
 

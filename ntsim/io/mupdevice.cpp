@@ -242,8 +242,9 @@ public:
     ULONG DeviceType() const override { return FILE_DEVICE_NETWORK_FILE_SYSTEM; }
     ULONG FileSystemType() const override { return FLT_FSTYPE_MUP; }
 
+    // The server's open follows the local volume's reparse points itself: the client never sees one.
     NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                    ULONG_PTR* information, std::u16string* finalComponent) override
+                    ULONG_PTR* information, std::u16string* finalComponent, std::vector<UCHAR>*) override
     {
         UncPath unc;
         if (!SplitUncPath(parameters.path, &unc)) {

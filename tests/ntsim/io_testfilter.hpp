@@ -17,6 +17,7 @@
 #include <ntsim/sim/process.hpp>
 #include <ntsim/sim/text.hpp>
 
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -35,6 +36,7 @@ struct Event {
     ULONG irpFlags = 0;
     std::string fileName;      // the target file object's FileName as the callback saw it
     NTSTATUS status = 0;       // IoStatus.Status, for post-callbacks
+    ULONG_PTR information = 0; // IoStatus.Information, for post-callbacks
     PVOID context = nullptr;   // the completion context a post-callback received
     KPROCESSOR_MODE requestorMode = KernelMode;
     HANDLE threadId = nullptr;
@@ -111,12 +113,30 @@ inline Event Record(char filter, bool post, PFLT_CALLBACK_DATA data, PVOID conte
         event.fileName = ntsim::ToUtf8(data->Iopb->TargetFileObject->FileName);
     }
     event.status = data->IoStatus.Status;
+    event.information = data->IoStatus.Information;
     event.context = context;
     event.requestorMode = data->RequestorMode;
     event.threadId = PsGetCurrentThreadId();
     std::lock_guard lock(EventsMutex());
     Events().push_back(event);
     return event;
+}
+
+// Replaces the create's name by target and sets STATUS_REPARSE with IO_REPARSE, as a filter that
+// redirects an open does; the buffer handed over is untagged pool that the I/O manager frees.
+inline void Redirect(PFLT_CALLBACK_DATA data, std::u16string_view target)
+{
+    PFILE_OBJECT fileObject = data->Iopb->TargetFileObject;
+    const USHORT bytes = static_cast<USHORT>(target.size() * sizeof(WCHAR));
+    auto* buffer = static_cast<PWCH>(ExAllocatePool(NonPagedPoolNx, bytes));
+    ASSERT_NE(buffer, nullptr);
+    std::memcpy(buffer, target.data(), bytes);
+    ExFreePoolWithTag(fileObject->FileName.Buffer, 0);
+    fileObject->FileName.Buffer = buffer;
+    fileObject->FileName.Length = bytes;
+    fileObject->FileName.MaximumLength = bytes;
+    data->IoStatus.Status = STATUS_REPARSE;
+    data->IoStatus.Information = IO_REPARSE;
 }
 
 template <int Slot>

@@ -352,5 +352,239 @@ TEST_F(CancelTest, CancelsThatWindowsRefusesAreVerifierErrors)
     EXPECT_EQ(capture.Count(), 0u);
 }
 
+// ---- what the create answered ----
+
+TEST_F(PostCreateTest, PostCreateSeesTheInformationOfEachDisposition)
+{
+    ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
+    struct Case {
+        ULONG disposition;
+        bool exists;
+        ULONG_PTR information;
+    };
+    const Case cases[] = {
+        {FILE_SUPERSEDE, true, FILE_SUPERSEDED},  {FILE_SUPERSEDE, false, FILE_CREATED},
+        {FILE_OPEN, true, FILE_OPENED},           {FILE_CREATE, false, FILE_CREATED},
+        {FILE_OPEN_IF, true, FILE_OPENED},        {FILE_OPEN_IF, false, FILE_CREATED},
+        {FILE_OVERWRITE, true, FILE_OVERWRITTEN}, {FILE_OVERWRITE_IF, true, FILE_OVERWRITTEN},
+        {FILE_OVERWRITE_IF, false, FILE_CREATED},
+    };
+    for (const Case& test : cases) {
+        const std::string label = "disposition " + std::to_string(test.disposition) + (test.exists ? ", existing" : ", new");
+        if (test.exists) {
+            volume_->SeedFile(u"\\subject.txt", "old");
+        } else if (volume_->Exists(u"\\subject.txt")) {
+            volume_->SeedRemove(u"\\subject.txt");
+        }
+        ClearEvents();
+        Opened file = Open(u"\\??\\C:\\subject.txt", FILE_GENERIC_READ | FILE_GENERIC_WRITE, 0, test.disposition);
+        ASSERT_EQ(file.status, STATUS_SUCCESS) << label;
+        EXPECT_EQ(file.information, test.information) << label;
+        std::vector<Event> creates = EventsOf(IRP_MJ_CREATE);
+        ASSERT_EQ(creates.size(), 2u) << label;
+        EXPECT_EQ(creates[1].status, STATUS_SUCCESS) << label;
+        EXPECT_EQ(creates[1].information, test.information) << label;
+        NtClose(file.handle);
+    }
+
+    // A target-directory open says whether the last component exists.
+    for (bool exists : {true, false}) {
+        if (!exists) {
+            volume_->SeedRemove(u"\\subject.txt");
+        }
+        ClearEvents();
+        ntsim::UnicodeStringHolder name(u"\\??\\C:\\subject.txt");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        IO_STATUS_BLOCK ioStatus{};
+        HANDLE handle = nullptr;
+        ASSERT_EQ(FltCreateFile(FilterA::script().filter, nullptr, &handle, FILE_WRITE_DATA | SYNCHRONIZE, &attributes,
+                                &ioStatus, nullptr, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN, 0, nullptr, 0,
+                                IO_OPEN_TARGET_DIRECTORY),
+                  STATUS_SUCCESS);
+        const ULONG_PTR expected = exists ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
+        EXPECT_EQ(ioStatus.Information, expected);
+        ASSERT_EQ(EventsOf(IRP_MJ_CREATE).size(), 2u);
+        EXPECT_EQ(EventsOf(IRP_MJ_CREATE)[1].information, expected);
+        FltClose(handle);
+    }
+}
+
+// What the post-create of filter A sees of a create answered with STATUS_REPARSE.
+struct ReparseSeen {
+    NTSTATUS status = 0;
+    ULONG_PTR information = 0;
+    bool tagData = false;
+    ULONG fileTag = 0;
+    USHORT unparsedNameLength = 0;
+    std::string substituteName;
+    std::vector<UCHAR> data;
+};
+
+std::vector<ReparseSeen>& Reparses()
+{
+    static std::vector<ReparseSeen> seen;
+    return seen;
+}
+
+void WatchReparses()
+{
+    Reparses().clear();
+    FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) {
+        if (data->Iopb->MajorFunction != IRP_MJ_CREATE || data->IoStatus.Status != STATUS_REPARSE) {
+            return;
+        }
+        ReparseSeen seen{.status = data->IoStatus.Status, .information = data->IoStatus.Information};
+        if (const FLT_TAG_DATA_BUFFER* tag = data->TagData) {
+            seen.tagData = true;
+            seen.fileTag = tag->FileTag;
+            seen.unparsedNameLength = tag->UnparsedNameLength;
+            const auto* bytes = tag->GenericReparseBuffer.DataBuffer;
+            seen.data.assign(bytes, bytes + tag->TagDataLength);
+            if (tag->FileTag == IO_REPARSE_TAG_MOUNT_POINT) {
+                const auto& mountPoint = tag->MountPointReparseBuffer;
+                std::u16string name(mountPoint.SubstituteNameLength / sizeof(WCHAR), u'\0');
+                std::memcpy(name.data(),
+                            reinterpret_cast<const UCHAR*>(mountPoint.PathBuffer) + mountPoint.SubstituteNameOffset,
+                            mountPoint.SubstituteNameLength);
+                seen.substituteName = ntsim::ToUtf8(name);
+            }
+        }
+        Reparses().push_back(seen);
+    };
+}
+
+std::string ReadAll(HANDLE handle)
+{
+    char buffer[64] = {};
+    IO_STATUS_BLOCK ioStatus{};
+    if (!NT_SUCCESS(NtReadFile(handle, nullptr, nullptr, nullptr, &ioStatus, buffer, sizeof(buffer), nullptr, nullptr))) {
+        return "(read failed)";
+    }
+    return std::string(buffer, ioStatus.Information);
+}
+
+TEST_F(PostCreateTest, JunctionOnTheWayAnswersWithItsReparsePointAndTheOpenFollowsIt)
+{
+    volume_->SeedFile(u"\\real\\file.txt", "behind the junction");
+    volume_->SeedJunction(u"\\link", u"\\??\\C:\\real");
+    WatchReparses();
+    ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
+
+    Opened file = Open(u"\\??\\C:\\link\\file.txt", FILE_GENERIC_READ, FILE_SHARE_READ, FILE_OPEN);
+    ASSERT_EQ(file.status, STATUS_SUCCESS);
+    EXPECT_EQ(file.information, ULONG_PTR{FILE_OPENED});
+    EXPECT_EQ(ReadAll(file.handle), "behind the junction");
+    NtClose(file.handle);
+
+    ASSERT_EQ(Reparses().size(), 1u);
+    const ReparseSeen& seen = Reparses()[0];
+    EXPECT_EQ(seen.information, ULONG_PTR{IO_REPARSE_TAG_MOUNT_POINT});
+    ASSERT_TRUE(seen.tagData);
+    EXPECT_EQ(seen.fileTag, ULONG{IO_REPARSE_TAG_MOUNT_POINT});
+    EXPECT_EQ(seen.unparsedNameLength, sizeof(u"\\file.txt") - sizeof(WCHAR)) << "what follows the junction";
+    EXPECT_EQ(seen.substituteName, "\\??\\C:\\real");
+    std::vector<Event> creates = EventsOf(IRP_MJ_CREATE);
+    ASSERT_EQ(creates.size(), 4u);
+    EXPECT_EQ(creates[0].fileName, "\\link\\file.txt");
+    EXPECT_EQ(creates[3].fileName, "\\real\\file.txt");
+    EXPECT_EQ(creates[3].status, STATUS_SUCCESS);
+
+    // The junction itself opens as a directory with FILE_OPEN_REPARSE_POINT, and answers without it.
+    Reparses().clear();
+    Opened itself = Open(u"\\??\\C:\\link", FILE_READ_ATTRIBUTES | SYNCHRONIZE, FILE_SHARE_READ, FILE_OPEN,
+                         FILE_OPEN_REPARSE_POINT | FILE_SYNCHRONOUS_IO_NONALERT);
+    ASSERT_EQ(itself.status, STATUS_SUCCESS);
+    NtClose(itself.handle);
+    EXPECT_TRUE(Reparses().empty());
+    Opened through = Open(u"\\??\\C:\\link", FILE_READ_ATTRIBUTES | SYNCHRONIZE, FILE_SHARE_READ, FILE_OPEN);
+    ASSERT_EQ(through.status, STATUS_SUCCESS);
+    NtClose(through.handle);
+    ASSERT_EQ(Reparses().size(), 1u);
+    EXPECT_EQ(Reparses()[0].unparsedNameLength, 0u);
+
+    // The fast attribute query gives way to an open that follows the junction.
+    ntsim::UnicodeStringHolder name(u"\\??\\C:\\link\\file.txt");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    FILE_NETWORK_OPEN_INFORMATION information{};
+    ASSERT_EQ(NtQueryFullAttributesFile(&attributes, &information), STATUS_SUCCESS);
+    EXPECT_EQ(information.EndOfFile.QuadPart, 19);
+}
+
+TEST_F(PostCreateTest, ReparsePointThatNobodyHandlesFailsTheOpenAfterThePostCreatesSawIt)
+{
+    volume_->SeedFile(u"\\placeholder.txt", "stub");
+    constexpr ULONG kTag = 0x9000301A;  // a tag of a third party's filter, not loaded here
+    volume_->SeedReparsePoint(u"\\placeholder.txt", kTag, {1, 2, 3});
+    WatchReparses();
+    ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
+
+    Opened file = Open(u"\\??\\C:\\placeholder.txt", FILE_GENERIC_READ, FILE_SHARE_READ, FILE_OPEN);
+    EXPECT_EQ(file.status, STATUS_IO_REPARSE_TAG_NOT_HANDLED);
+    EXPECT_EQ(file.information, 0u);
+    ASSERT_EQ(Reparses().size(), 1u);
+    EXPECT_EQ(Reparses()[0].information, ULONG_PTR{kTag});
+    EXPECT_EQ(Reparses()[0].fileTag, kTag);
+    EXPECT_EQ(Reparses()[0].data, (std::vector<UCHAR>{1, 2, 3}));
+
+    Opened itself = Open(u"\\??\\C:\\placeholder.txt", FILE_GENERIC_READ, FILE_SHARE_READ, FILE_OPEN,
+                         FILE_OPEN_REPARSE_POINT | FILE_SYNCHRONOUS_IO_NONALERT);
+    ASSERT_EQ(itself.status, STATUS_SUCCESS);
+    EXPECT_EQ(ReadAll(itself.handle), "stub");
+    FILE_ATTRIBUTE_TAG_INFORMATION tag{};
+    IO_STATUS_BLOCK ioStatus{};
+    ASSERT_EQ(NtQueryInformationFile(itself.handle, &ioStatus, &tag, sizeof(tag), FileAttributeTagInformation),
+              STATUS_SUCCESS);
+    EXPECT_EQ(tag.ReparseTag, kTag);
+    EXPECT_NE(tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT, 0u);
+    NtClose(itself.handle);
+}
+
+TEST_F(PostCreateTest, ReparseFromALowerFilterReachesThePostCreatesAbove)
+{
+    volume_->SeedFile(u"\\target.txt", "redirected");
+    volume_->SeedFile(u"\\after.txt", "redirected late");
+    WatchReparses();
+    // B, below A, sends "before.txt" elsewhere in its pre-create, and "opened.txt" in its post-create
+    // once the file system has opened it.
+    FilterB::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        if (data->Iopb->MajorFunction == IRP_MJ_CREATE &&
+            ntsim::ToUtf8(data->Iopb->TargetFileObject->FileName) == "\\before.txt") {
+            Redirect(data, u"\\??\\C:\\target.txt");
+            return FLT_PREOP_COMPLETE;
+        }
+        return FLT_PREOP_SUCCESS_WITH_CALLBACK;
+    };
+    FilterB::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID) {
+        if (data->Iopb->MajorFunction == IRP_MJ_CREATE && data->IoStatus.Status == STATUS_SUCCESS &&
+            ntsim::ToUtf8(data->Iopb->TargetFileObject->FileName) == "\\opened.txt") {
+            FltCancelFileOpen(objects->Instance, data->Iopb->TargetFileObject);
+            Redirect(data, u"\\??\\C:\\after.txt");
+        }
+    };
+    ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
+    ASSERT_EQ(FilterB::Load(u"360000"), STATUS_SUCCESS);
+    ntsim::pool::Checkpoint checkpoint;
+
+    Opened early = Open(u"\\??\\C:\\before.txt", FILE_GENERIC_READ, FILE_SHARE_READ, FILE_OPEN);
+    ASSERT_EQ(early.status, STATUS_SUCCESS);
+    EXPECT_EQ(ReadAll(early.handle), "redirected");
+    NtClose(early.handle);
+
+    Opened late = Open(u"\\??\\C:\\opened.txt", FILE_GENERIC_READ, 0, FILE_OPEN_IF);
+    ASSERT_EQ(late.status, STATUS_SUCCESS);
+    EXPECT_EQ(ReadAll(late.handle), "redirected late");
+    NtClose(late.handle);
+    EXPECT_EQ(volume_->HandleCount(u"\\opened.txt"), 0u) << "the open that B redirected was cleaned up";
+
+    ASSERT_EQ(Reparses().size(), 2u);
+    for (const ReparseSeen& seen : Reparses()) {
+        EXPECT_EQ(seen.information, ULONG_PTR{IO_REPARSE});
+        EXPECT_FALSE(seen.tagData) << "a filter's re-parse carries no reparse point";
+    }
+    EXPECT_TRUE(checkpoint.Verify("re-parsed creates"));
+}
+
 }  // namespace
 }  // namespace iotest

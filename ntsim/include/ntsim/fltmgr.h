@@ -266,12 +266,49 @@ typedef ULONG FLT_CALLBACK_DATA_FLAGS;
 #define FLT_IS_FS_FILTER_OPERATION(Data) (((Data)->Flags & FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION) != 0)
 #define FLT_IS_SYSTEM_BUFFER(Data) (((Data)->Flags & FLTFL_CALLBACK_DATA_SYSTEM_BUFFER) != 0)
 
+// The reparse point that a file system answered a create with (STATUS_REPARSE, the tag in
+// IoStatus.Information), as post-create callbacks see it in FLT_CALLBACK_DATA::TagData: the
+// layout of REPARSE_DATA_BUFFER, with the length of the name left after the reparse point.
+typedef struct _FLT_TAG_DATA_BUFFER {
+    ULONG FileTag;
+    USHORT TagDataLength;
+    USHORT UnparsedNameLength;
+    union {
+        struct {
+            USHORT SubstituteNameOffset;
+            USHORT SubstituteNameLength;
+            USHORT PrintNameOffset;
+            USHORT PrintNameLength;
+            ULONG Flags;
+            WCHAR PathBuffer[1];
+        } SymbolicLinkReparseBuffer;
+        struct {
+            USHORT SubstituteNameOffset;
+            USHORT SubstituteNameLength;
+            USHORT PrintNameOffset;
+            USHORT PrintNameLength;
+            WCHAR PathBuffer[1];
+        } MountPointReparseBuffer;
+        struct {
+            UCHAR DataBuffer[1];
+        } GenericReparseBuffer;
+        struct {
+            GUID TagGuid;
+            UCHAR DataBuffer[1];
+        } GenericGUIDReparseBuffer;
+    };
+} FLT_TAG_DATA_BUFFER, *PFLT_TAG_DATA_BUFFER;
+
+static_assert(FIELD_OFFSET(FLT_TAG_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) ==
+                  FIELD_OFFSET(REPARSE_DATA_BUFFER, MountPointReparseBuffer.PathBuffer),
+              "FLT_TAG_DATA_BUFFER");
+
 typedef struct _FLT_CALLBACK_DATA {
     FLT_CALLBACK_DATA_FLAGS Flags;
     const PETHREAD Thread;  // the thread that issued the operation
     const PFLT_IO_PARAMETER_BLOCK Iopb;
     IO_STATUS_BLOCK IoStatus;
-    struct _FLT_TAG_DATA_BUFFER* TagData;
+    PFLT_TAG_DATA_BUFFER TagData;  // a create answered with STATUS_REPARSE and a reparse point's tag
     union {
         struct {
             LIST_ENTRY QueueLinks;

@@ -97,8 +97,8 @@ NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS in
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
 
 // IRP_MJ_NETWORK_QUERY_OPEN for a path, as fast I/O (fastIo) or as an IRP. The file object lives
-// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here (the
-// fallback to an ordinary open is NtQueryFullAttributesFile's).
+// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here, and a reparse
+// point on the way STATUS_REPARSE (the fallback to an ordinary open is NtQueryFullAttributesFile's).
 NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
                             bool fastIo);
 

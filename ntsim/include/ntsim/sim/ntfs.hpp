@@ -53,6 +53,13 @@ public:
     virtual void SeedBasicInformation(std::u16string_view path, const FILE_BASIC_INFORMATION& basic) = 0;
     // Removes a name (with everything below a directory) or a named stream, open or not.
     virtual void SeedRemove(std::u16string_view path) = 0;
+    // Makes an existing file or directory a reparse point (NTFS only): its tag and the data that
+    // follows the reparse buffer's header. An open that meets it on its way, or at its end without
+    // FILE_OPEN_REPARSE_POINT, is answered with STATUS_REPARSE and the reparse buffer.
+    virtual void SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data) = 0;
+    // A junction: an empty directory (made if missing) with a mount point reparse point whose
+    // substitute name is target ("\??\C:\elsewhere") and whose print name is target without "\??".
+    virtual void SeedJunction(std::u16string_view path, std::u16string_view target) = 0;
 
     // ---- inspection (short names are accepted in paths) ----
     // A file, directory or (with a stream part) named stream exists.

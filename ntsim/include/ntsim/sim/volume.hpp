@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace ntsim {
 
@@ -68,6 +69,9 @@ public:
 
     // Opens or creates. On success *open is set and *information holds FILE_OPENED, FILE_CREATED, ...
     // (on failure too where Windows reports one, such as FILE_DOES_NOT_EXIST for a target-directory open).
+    // A reparse point on the way (or at the end, unless FILE_OPEN_REPARSE_POINT opens it itself)
+    // answers STATUS_REPARSE with no open: *information is its tag and *reparseBuffer (if given)
+    // its REPARSE_DATA_BUFFER, whose Reserved is the length in bytes of the path after it.
     // For SL_OPEN_TARGET_DIRECTORY the open is of the parent and *finalComponent receives the last
     // component, which the I/O manager puts in FILE_OBJECT::FileName.
     // An empty path opens the volume itself (FILE_OPEN or FILE_OPEN_IF only): an open on which
@@ -77,7 +81,8 @@ public:
     // FILE_NON_DIRECTORY_FILE, or with a disposition other than CREATE/OPEN/OPEN_IF, and
     // FILE_DELETE_ON_CLOSE without DELETE access give STATUS_INVALID_PARAMETER).
     virtual NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                            ULONG_PTR* information, std::u16string* finalComponent) = 0;
+                            ULONG_PTR* information, std::u16string* finalComponent,
+                            std::vector<UCHAR>* reparseBuffer) = 0;
 
     // Data. offset is explicit (the I/O manager resolves the current position); a read at or past the
     // end gives STATUS_END_OF_FILE. A write past the end extends the stream; times are updated.
