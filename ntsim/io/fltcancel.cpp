@@ -79,7 +79,8 @@ extern "C" VOID FLTAPI FltCancelFileOpen(PFLT_INSTANCE Instance, PFILE_OBJECT Fi
     verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltCancelFileOpen");
     auto instance = InstanceOf(Instance);
     if (instance == nullptr || FileObject == nullptr) {
-        verifier::BugCheck(rules::kInvalidCancelOfFileOpen, "FltCancelFileOpen without a valid instance and file object");
+        verifier::BugCheck(rules::kInvalidCancelOfFileOpen,
+                           "FltCancelFileOpen without a valid instance and file object");
         return;
     }
     FileObjectRecord* record = RecordOf(FileObject);

@@ -100,7 +100,11 @@ NTSTATUS GetName(PFILE_OBJECT fileObject, const _FLT_INSTANCE* instance, FLT_FIL
     if (auto failure = faults::Check("FltGetFileNameInformation")) {
         return *failure;
     }
-    verifier::AssertIrqlAtMost(APC_LEVEL, "FltGetFileNameInformation");
+    if (KeGetCurrentIrql() > APC_LEVEL) {
+        // Reported; the query then fails rather than touch paged pool where it may not.
+        verifier::AssertIrqlAtMost(APC_LEVEL, "FltGetFileNameInformation");
+        return STATUS_FLT_INVALID_NAME_REQUEST;
+    }
     if (fileObject == nullptr || instance == nullptr || result == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }

@@ -202,6 +202,14 @@ using FileSystemRoutine = std::function<void(FLT_CALLBACK_DATA& data, const FLT_
 DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, CallbackFrame& frame,
                         const FileSystemRoutine& fileSystem);
 
+// Calls one post-operation callback in the context the Filter Manager would give it (see
+// PostOperationContext): synchronized is whether its pre-callback returned FLT_PREOP_SYNCHRONIZE.
+// When the callback handed its work to FltDoCompletionProcessingWhenSafe, waits for that work and
+// returns what it returned.
+FLT_POSTOP_CALLBACK_STATUS CallPostOperationCallback(PFLT_POST_OPERATION_CALLBACK callback, FLT_CALLBACK_DATA& data,
+                                                     const FLT_RELATED_OBJECTS& objects, PVOID context,
+                                                     bool synchronized);
+
 // ---- the cancel of an open ----
 
 // Sends the cleanup of an open that the file system made to the layers below instance, which

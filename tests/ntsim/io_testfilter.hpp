@@ -39,7 +39,10 @@ struct Event {
     ULONG_PTR information = 0; // IoStatus.Information, for post-callbacks
     PVOID context = nullptr;   // the completion context a post-callback received
     KPROCESSOR_MODE requestorMode = KernelMode;
-    HANDLE threadId = nullptr;
+    HANDLE threadId = nullptr;   // the thread the callback ran in
+    HANDLE processId = nullptr;  // and its process
+    KIRQL irql = PASSIVE_LEVEL;  // the IRQL it ran at
+    PETHREAD issuer = nullptr;   // the callback data's Thread: the thread that issued the operation
 
     bool fastIo() const { return (flags & FLTFL_CALLBACK_DATA_FAST_IO_OPERATION) != 0; }
 };
@@ -95,6 +98,8 @@ inline std::vector<UCHAR> MajorsSeenBy(char filter)
 struct Script {
     std::function<FLT_PREOP_CALLBACK_STATUS(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID*)> pre;
     std::function<void(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID)> post;
+    // What the post-callback returns, asked once post has run (FLT_POSTOP_FINISHED_PROCESSING when unset).
+    std::function<FLT_POSTOP_CALLBACK_STATUS(PFLT_CALLBACK_DATA)> postResult;
     std::function<NTSTATUS(DEVICE_TYPE, FLT_FILESYSTEM_TYPE)> setup;
     std::vector<std::string> lifecycle;  // "setup", "teardown start <reason>", "teardown complete <reason>"
     PFLT_FILTER filter = nullptr;
@@ -117,6 +122,9 @@ inline Event Record(char filter, bool post, PFLT_CALLBACK_DATA data, PVOID conte
     event.context = context;
     event.requestorMode = data->RequestorMode;
     event.threadId = PsGetCurrentThreadId();
+    event.processId = PsGetCurrentProcessId();
+    event.irql = KeGetCurrentIrql();
+    event.issuer = data->Thread;
     std::lock_guard lock(EventsMutex());
     Events().push_back(event);
     return event;
@@ -166,7 +174,7 @@ struct TestFilter {
         if (script().post) {
             script().post(data, objects, context);
         }
-        return FLT_POSTOP_FINISHED_PROCESSING;
+        return script().postResult ? script().postResult(data) : FLT_POSTOP_FINISHED_PROCESSING;
     }
 
     static NTSTATUS FLTAPI Setup(PCFLT_RELATED_OBJECTS, FLT_INSTANCE_SETUP_FLAGS, DEVICE_TYPE deviceType,

@@ -370,7 +370,8 @@ TEST_F(PostCreateTest, PostCreateSeesTheInformationOfEachDisposition)
         {FILE_OVERWRITE_IF, false, FILE_CREATED},
     };
     for (const Case& test : cases) {
-        const std::string label = "disposition " + std::to_string(test.disposition) + (test.exists ? ", existing" : ", new");
+        const std::string label =
+            "disposition " + std::to_string(test.disposition) + (test.exists ? ", existing" : ", new");
         if (test.exists) {
             volume_->SeedFile(u"\\subject.txt", "old");
         } else if (volume_->Exists(u"\\subject.txt")) {
@@ -458,7 +459,9 @@ std::string ReadAll(HANDLE handle)
 {
     char buffer[64] = {};
     IO_STATUS_BLOCK ioStatus{};
-    if (!NT_SUCCESS(NtReadFile(handle, nullptr, nullptr, nullptr, &ioStatus, buffer, sizeof(buffer), nullptr, nullptr))) {
+    const NTSTATUS status =
+        NtReadFile(handle, nullptr, nullptr, nullptr, &ioStatus, buffer, sizeof(buffer), nullptr, nullptr);
+    if (!NT_SUCCESS(status)) {
         return "(read failed)";
     }
     return std::string(buffer, ioStatus.Information);

@@ -585,6 +585,16 @@ NTSTATUS FLTAPI FltCreateFileEx(PFLT_FILTER Filter, PFLT_INSTANCE Instance, PHAN
                                 ULONG Flags);
 NTSTATUS FLTAPI FltClose(HANDLE FileHandle);
 
+// From a post-operation callback that may run at DISPATCH_LEVEL: at APC_LEVEL or below, calls
+// SafePostCallback at once and gives its result; above, queues it to a worker thread at
+// PASSIVE_LEVEL and gives FLT_POSTOP_MORE_PROCESSING_REQUIRED, for the post-callback to return; the
+// operation completes when SafePostCallback has returned. FALSE, with nothing called, for an
+// operation that is not an IRP, for paging I/O and while draining.
+BOOLEAN FLTAPI FltDoCompletionProcessingWhenSafe(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                 PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags,
+                                                 PFLT_POST_OPERATION_CALLBACK SafePostCallback,
+                                                 PFLT_POSTOP_CALLBACK_STATUS RetPostOperationStatus);
+
 // From a post-create callback, before it sets a failure status on an open that the file system
 // made: the instances below Instance and the file system see the cleanup of FileObject now and its
 // close when its last reference goes (the instances above see only the failure). Nothing the open

@@ -9,9 +9,10 @@
 // directory entries in upcased order), directories, named streams, the four times from ntsim's
 // clock, attributes, allocation in 4096-byte clusters, stable file ids, hard links, 8.3 short names
 // generated as NAME~1.EXT (the numbered form only, unique in the directory; a name that is already
-// 8.3 has none), share access per stream, delete pending and delete on close.
+// 8.3 has none), share access per stream, delete pending and delete on close, and reparse points
+// (junctions and any other tag) that answer a create with STATUS_REPARSE.
 //
-// The FAT volume is the same model without named streams and hard links (a stream path is an
+// The FAT volume is the same model without named streams, hard links and reparse points (a stream path is an
 // invalid name; FileStreamInformation and FileLinkInformation are refused), directory entries
 // still in upcased order rather than in the order they were made, and times kept to 100 ns rather
 // than FAT's granularity. The CD-ROM volume is that FAT model made read-only (2048-byte sectors):
