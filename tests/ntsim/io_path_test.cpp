@@ -40,6 +40,7 @@ TEST_F(IoPathTest, CleanupComesAtTheLastHandleAndCloseAtTheLastReference)
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     Opened file = Open(u"\\??\\C:\\life.txt");
     ASSERT_EQ(file.status, STATUS_SUCCESS);
+    ASSERT_EQ(Write(file.handle, "data"), STATUS_SUCCESS);
     PFILE_OBJECT fileObject = ntsim::ReferenceFileObjectByHandle(file.handle);
     ASSERT_NE(fileObject, nullptr);
     ClearEvents();

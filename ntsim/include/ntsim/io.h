@@ -343,7 +343,9 @@ NTSYSAPI NTSTATUS NTAPI ZwOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess
 // ByteOffset null (or FILE_USE_FILE_POINTER_POSITION) uses and advances the file object's
 // CurrentByteOffset, which needs a file opened for synchronous I/O. A cached read or write on a
 // file object whose cache is set up (PrivateCacheMap) tries fast I/O first, and comes as an IRP
-// when the fast path is refused.
+// when the fast path is refused. The IRP carries IRP_NOCACHE when the file was opened with
+// FILE_NO_INTERMEDIATE_BUFFERING (such I/O never goes fast), and IRP_SYNCHRONOUS_API when it was
+// opened for synchronous I/O.
 NTSYSAPI NTSTATUS NTAPI NtReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                    PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                                    PLARGE_INTEGER ByteOffset, PULONG Key);
@@ -367,9 +369,13 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLO
                                                PVOID FileInformation, ULONG Length,
                                                FILE_INFORMATION_CLASS FileInformationClass);
 
-// FilePositionInformation is kept by the I/O manager; FileRenameInformation and
-// FileLinkInformation open the target's parent directory (SL_OPEN_TARGET_DIRECTORY) through the
-// whole stack first, and hand it to the operation as ParentOfTarget.
+// FilePositionInformation is kept by the I/O manager. A buffer shorter than its class's fixed part
+// fails with STATUS_INFO_LENGTH_MISMATCH, and a handle without the class's access (DELETE for a
+// rename or a disposition, FILE_WRITE_DATA for a size, FILE_WRITE_ATTRIBUTES for basic
+// information; none for a hard link) with STATUS_ACCESS_DENIED, before any filter sees the request.
+// A rename or link (and their Ex forms) to a full path, or relative to RootDirectory, opens the
+// target's directory (SL_OPEN_TARGET_DIRECTORY) through the stack first, and hands it to the
+// operation as ParentOfTarget; a bare name is in the source's own directory, ParentOfTarget null.
 NTSYSAPI NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                              PVOID FileInformation, ULONG Length,
                                              FILE_INFORMATION_CLASS FileInformationClass);
@@ -414,9 +420,9 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStat
                                       BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex,
                                       BOOLEAN RestartScan);
 
-// IRP_MJ_FLUSH_BUFFERS; the file system's flush of cached data runs between the acquire and
-// the release for a cache flush, which filters see as IRP_MJ_ACQUIRE_FOR_CC_FLUSH and
-// IRP_MJ_RELEASE_FOR_CC_FLUSH.
+// IRP_MJ_FLUSH_BUFFERS; the file system's flush of cached data (the write-back of dirty pages as
+// synchronous paging writes) runs between the acquire and the release for a cache flush, which
+// filters see as IRP_MJ_ACQUIRE_FOR_CC_FLUSH and IRP_MJ_RELEASE_FOR_CC_FLUSH.
 NTSYSAPI NTSTATUS NTAPI NtFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
 NTSYSAPI NTSTATUS NTAPI ZwFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
 
