@@ -7,6 +7,7 @@
 // handle.
 #include "iomgr.hpp"
 
+#include <ntsim/sim/text.hpp>
 #include <ntsim/sim/verifier.hpp>
 
 #include <cstdio>
@@ -32,8 +33,7 @@ std::string Hex(NTSTATUS status)
 
 std::string PostCreateOf(const _FLT_INSTANCE& instance)
 {
-    return "the post-create callback of filter " +
-           std::string(instance.filter->name.begin(), instance.filter->name.end());
+    return "the post-create callback of filter " + ToUtf8(instance.filter->name);
 }
 
 }  // namespace
@@ -65,8 +65,7 @@ void CheckPostCreateResult(FileObjectRecord* record, const std::shared_ptr<_FLT_
     }
     if (record->open != nullptr && OpenSucceeds(statusBefore) && !OpenSucceeds(status)) {
         verifier::BugCheck(rules::kOpenFailedWithoutCancel,
-                           PostCreateOf(*instance) + " turned the open of \"" +
-                               std::string(record->volumePath.begin(), record->volumePath.end()) +
+                           PostCreateOf(*instance) + " turned the open of \"" + ToUtf8(record->volumePath) +
                                "\" into status " + Hex(status) + " without calling FltCancelFileOpen first");
         CancelOpen(record, instance);
     }

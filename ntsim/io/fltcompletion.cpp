@@ -147,6 +147,11 @@ extern "C" BOOLEAN FLTAPI FltDoCompletionProcessingWhenSafe(PFLT_CALLBACK_DATA D
         verifier::BugCheck(rules::kBadObject, "FltDoCompletionProcessingWhenSafe with a null argument");
         return FALSE;
     }
+    if ((Data->Flags & FLTFL_CALLBACK_DATA_POST_OPERATION) == 0) {
+        verifier::BugCheck(rules::kInvalidPostopStatus,
+                           "FltDoCompletionProcessingWhenSafe outside a post-operation callback");
+        return FALSE;
+    }
     if (!FLT_IS_IRP_OPERATION(Data) || (Data->Iopb->IrpFlags & IRP_PAGING_IO) != 0 ||
         (Flags & FLTFL_POST_OPERATION_DRAINING) != 0) {
         return FALSE;

@@ -312,17 +312,58 @@ TEST_F(PostContextTest, CompletionWhenSafeRefusesFastIoAndPagingIo)
     EXPECT_EQ(safeCalls, 1);
 }
 
-TEST_F(PostContextTest, MoreProcessingRequiredWithoutAHandOverIsAVerifierError)
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FinishQuietly(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID,
+                                                FLT_POST_OPERATION_FLAGS)
 {
+    return FLT_POSTOP_FINISHED_PROCESSING;
+}
+
+TEST_F(PostContextTest, MisusedCompletionHandOversAreVerifierErrors)
+{
+    enum class Misuse { ClaimWithoutHandOver, HandOverFromPreCallback, HandOverThenFinish };
+    static Misuse misuse;
+    static BOOLEAN answer;
+    FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*) {
+        if (data->Iopb->MajorFunction == IRP_MJ_WRITE && misuse == Misuse::HandOverFromPreCallback) {
+            FLT_POSTOP_CALLBACK_STATUS status;
+            answer = FltDoCompletionProcessingWhenSafe(data, objects, nullptr, 0, FinishQuietly, &status);
+        }
+        return FLT_PREOP_SUCCESS_WITH_CALLBACK;
+    };
+    FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID context) {
+        if (data->Iopb->MajorFunction == IRP_MJ_WRITE && misuse == Misuse::HandOverThenFinish) {
+            FLT_POSTOP_CALLBACK_STATUS status;
+            answer = FltDoCompletionProcessingWhenSafe(data, objects, context, 0, FinishQuietly, &status);
+        }
+    };
     FilterA::script().postResult = [](PFLT_CALLBACK_DATA data) {
-        return data->Iopb->MajorFunction == IRP_MJ_WRITE ? FLT_POSTOP_MORE_PROCESSING_REQUIRED
-                                                         : FLT_POSTOP_FINISHED_PROCESSING;
+        return data->Iopb->MajorFunction == IRP_MJ_WRITE && misuse == Misuse::ClaimWithoutHandOver
+                   ? FLT_POSTOP_MORE_PROCESSING_REQUIRED
+                   : FLT_POSTOP_FINISHED_PROCESSING;
     };
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     OpenFile();
     ntsim::verifier::BugCheckCapture capture;
+
+    misuse = Misuse::ClaimWithoutHandOver;
     EXPECT_EQ(WriteIrp(), STATUS_SUCCESS);
     EXPECT_TRUE(capture.Consume("FLT_INVALID_POSTOP_STATUS"));
+
+    misuse = Misuse::HandOverFromPreCallback;
+    answer = TRUE;
+    EXPECT_EQ(WriteIrp(), STATUS_SUCCESS);
+    EXPECT_FALSE(answer);
+    EXPECT_NE(capture.ConsumeDetail("FLT_INVALID_POSTOP_STATUS").find("outside a post-operation"), std::string::npos);
+
+    // Queued, yet the post-callback claims to have finished.
+    ScopedPostOperationContext context(PostOperationContext::DispatchLevel);
+    misuse = Misuse::HandOverThenFinish;
+    answer = FALSE;
+    EXPECT_EQ(WriteIrp(), STATUS_SUCCESS);
+    EXPECT_TRUE(answer);
+    EXPECT_NE(capture.ConsumeDetail("FLT_INVALID_POSTOP_STATUS").find("after FltDoCompletionProcessingWhenSafe"),
+              std::string::npos);
+    EXPECT_EQ(capture.Count(), 0u);
 }
 
 }  // namespace
