@@ -14,26 +14,7 @@ namespace {
 using Strings = std::vector<std::string>;
 using Majors = std::vector<UCHAR>;
 
-class IoPathTest : public IoTest {
-protected:
-    // Opens through FltCreateFileEx at the instance of filter A.
-    NTSTATUS OpenBelowA(std::u16string_view path, ACCESS_MASK access, ULONG share, ULONG flags, HANDLE* handle,
-                        PFILE_OBJECT* fileObject, ULONG disposition = FILE_OPEN)
-    {
-        PFLT_INSTANCE instance = FilterA::Instance(u"C:");
-        EXPECT_NE(instance, nullptr);
-        ntsim::UnicodeStringHolder name(path);
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
-                                   nullptr);
-        IO_STATUS_BLOCK ioStatus{};
-        NTSTATUS status = FltCreateFileEx(FilterA::script().filter, instance, handle, fileObject, access, &attributes,
-                                          &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL, share, disposition, 0, nullptr, 0,
-                                          flags);
-        FltObjectDereference(instance);
-        return status;
-    }
-};
+class IoPathTest : public IoTest {};
 
 TEST_F(IoPathTest, CleanupComesAtTheLastHandleAndCloseAtTheLastReference)
 {

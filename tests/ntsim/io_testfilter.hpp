@@ -314,6 +314,25 @@ protected:
         return opened;
     }
 
+    // Opens through FltCreateFileEx at the instance of filter A (a kernel handle; *fileObject, if
+    // asked for, is referenced).
+    NTSTATUS OpenBelowA(std::u16string_view path, ACCESS_MASK access, ULONG share, ULONG flags, HANDLE* handle,
+                        PFILE_OBJECT* fileObject, ULONG disposition = FILE_OPEN)
+    {
+        PFLT_INSTANCE instance = FilterA::Instance(u"C:");
+        EXPECT_NE(instance, nullptr);
+        ntsim::UnicodeStringHolder name(path);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                                   nullptr);
+        IO_STATUS_BLOCK ioStatus{};
+        NTSTATUS status = FltCreateFileEx(FilterA::script().filter, instance, handle, fileObject, access, &attributes,
+                                          &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL, share, disposition, 0, nullptr, 0,
+                                          flags);
+        FltObjectDereference(instance);
+        return status;
+    }
+
     NTSTATUS Write(HANDLE handle, std::string_view data, LONGLONG offset = -1)
     {
         IO_STATUS_BLOCK ioStatus{};

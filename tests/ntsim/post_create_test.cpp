@@ -29,26 +29,7 @@ std::string ShareFlags(const FILE_OBJECT& fileObject)
     return text;
 }
 
-class PostCreateTest : public IoTest {
-protected:
-    // Opens through FltCreateFileEx at the instance of filter A (kernel handle, file object referenced).
-    NTSTATUS OpenBelowA(std::u16string_view path, ACCESS_MASK access, ULONG share, ULONG flags, HANDLE* handle,
-                        PFILE_OBJECT* fileObject)
-    {
-        PFLT_INSTANCE instance = FilterA::Instance(u"C:");
-        EXPECT_NE(instance, nullptr);
-        ntsim::UnicodeStringHolder name(path);
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
-                                   nullptr);
-        IO_STATUS_BLOCK ioStatus{};
-        NTSTATUS status = FltCreateFileEx(FilterA::script().filter, instance, handle, fileObject, access, &attributes,
-                                          &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL, share, FILE_OPEN_IF, 0, nullptr,
-                                          0, flags);
-        FltObjectDereference(instance);
-        return status;
-    }
-};
+class PostCreateTest : public IoTest {};
 
 // ---- share access ----
 
@@ -144,7 +125,8 @@ TEST_F(PostCreateTest, OpenThatIgnoresShareAccessRecordsNoneInItsFileObject)
     ObDereferenceObject(fileObject);
 
     seenBelow.clear();
-    ASSERT_EQ(OpenBelowA(u"\\??\\C:\\other.txt", FILE_GENERIC_READ, FILE_SHARE_READ, 0, &handle, &fileObject),
+    ASSERT_EQ(OpenBelowA(u"\\??\\C:\\other.txt", FILE_GENERIC_READ, FILE_SHARE_READ, 0, &handle, &fileObject,
+                         FILE_OPEN_IF),
               STATUS_SUCCESS);
     EXPECT_EQ(seenBelow, "R--/r--") << "the same open without the flag records its share access";
     FltClose(handle);
