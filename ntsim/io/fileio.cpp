@@ -240,13 +240,17 @@ NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK i
                  const auto& q = params.Parameters.DirectoryControl.QueryDirectory;
                  ULONG returned = 0;
                  NTSTATUS status = STATUS_FILE_CLOSED;
-                 if (record->open != nullptr) {
-                     status = !record->open->IsDirectory()
-                                  ? STATUS_INVALID_PARAMETER
-                                  : record->volume->volume->QueryDirectory(*record->open, q.FileInformationClass,
-                                                                           q.DirectoryBuffer, q.Length, q.FileName,
-                                                                           params.OperationFlags, q.FileIndex,
-                                                                           &returned);
+                 PVOID target = DirectoryBufferOf(params);
+                 if (record->open == nullptr) {
+                     status = STATUS_FILE_CLOSED;
+                 } else if (!record->open->IsDirectory()) {
+                     status = STATUS_INVALID_PARAMETER;
+                 } else if (target == nullptr) {
+                     status = STATUS_INSUFFICIENT_RESOURCES;  // the MDL could not be mapped
+                 } else {
+                     status = record->volume->volume->QueryDirectory(*record->open, q.FileInformationClass, target,
+                                                                     q.Length, q.FileName, params.OperationFlags,
+                                                                     q.FileIndex, &returned);
                  }
                  data.IoStatus.Status = status;
                  data.IoStatus.Information = returned;
@@ -631,6 +635,21 @@ NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStat
     return QueryInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
 }
 
+// The smallest buffer a directory query of infoClass may bring: its record with a one-character
+// name. 0 for a class that is no directory class.
+static ULONG MinimumDirectoryBuffer(FILE_INFORMATION_CLASS infoClass)
+{
+    switch (infoClass) {
+    case FileDirectoryInformation: return sizeof(FILE_DIRECTORY_INFORMATION);
+    case FileFullDirectoryInformation: return sizeof(FILE_FULL_DIR_INFORMATION);
+    case FileBothDirectoryInformation: return sizeof(FILE_BOTH_DIR_INFORMATION);
+    case FileNamesInformation: return sizeof(FILE_NAMES_INFORMATION);
+    case FileIdBothDirectoryInformation: return sizeof(FILE_ID_BOTH_DIR_INFORMATION);
+    case FileIdFullDirectoryInformation: return sizeof(FILE_ID_FULL_DIR_INFORMATION);
+    default: return 0;
+    }
+}
+
 static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                  PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
                                  ULONG Length, FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
@@ -640,11 +659,36 @@ static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE
     if (AsynchronousArguments(Event, ApcRoutine, ApcContext)) {
         return verifier::NotImplemented("NtQueryDirectoryFile with an event or APC");
     }
-    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
+    if (IoStatusBlock == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     if ((QueryFlags & FILE_QUERY_INDEX_SPECIFIED) != 0) {
         // No native caller can name the index; ntsim::IoQueryDirectoryFile can.
+        return STATUS_INVALID_PARAMETER;
+    }
+    switch (FileInformationClass) {
+    case FileObjectIdInformation: case FileReparsePointInformation:
+    case FileIdGlobalTxDirectoryInformation: case FileIdExtdDirectoryInformation:
+    case FileIdExtdBothDirectoryInformation:
+        return verifier::NotImplemented("NtQueryDirectoryFile of information class " +
+                                        std::to_string(static_cast<int>(FileInformationClass)));
+    default:
+        break;
+    }
+    const ULONG minimum = MinimumDirectoryBuffer(FileInformationClass);
+    if (minimum == 0) {
+        return STATUS_INVALID_INFO_CLASS;
+    }
+    if (Length < minimum) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    if (mode == UserMode) {
+        try {
+            ProbeForWrite(FileInformation, Length, sizeof(ULONG));
+        } catch (const SehException& exception) {
+            return exception.Code();
+        }
+    } else if (FileInformation == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     ScopedPreviousMode previousMode(mode);
@@ -703,6 +747,18 @@ NTSTATUS NTAPI ZwQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, PIO_APC_R
 {
     return QueryDirectoryAs(KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, FileInformation,
                             Length, FileInformationClass, QueryFlags, FileName);
+}
+
+NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG, ULONG,
+                                           BOOLEAN)
+{
+    return verifier::NotImplemented("NtNotifyChangeDirectoryFile (IRP_MN_NOTIFY_CHANGE_DIRECTORY)");
+}
+
+NTSTATUS NTAPI ZwNotifyChangeDirectoryFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG, ULONG,
+                                           BOOLEAN)
+{
+    return verifier::NotImplemented("ZwNotifyChangeDirectoryFile (IRP_MN_NOTIFY_CHANGE_DIRECTORY)");
 }
 
 static NTSTATUS QueryEaAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,

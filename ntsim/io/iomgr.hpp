@@ -188,12 +188,30 @@ void SendClose(FileObjectRecord* record);
 
 // ---- dispatch ----
 
-// One operation's callback data and parameter block.
+// One operation's callback data and parameter block, and what the operation owns: the MDL of its
+// caller's buffer once a filter locked it (FltLockUserBuffer), unlocked and freed when the frame
+// goes, as the I/O manager frees an IRP's MDL at completion.
 struct CallbackFrame {
     FLT_IO_PARAMETER_BLOCK iopb{};
     FLT_CALLBACK_DATA data;
+    PMDL lockedBufferMdl = nullptr;
+    PVOID lockedBuffer = nullptr;  // the buffer that lockedBufferMdl describes
     CallbackFrame(FLT_CALLBACK_DATA_FLAGS flags, KPROCESSOR_MODE requestorMode);
+    ~CallbackFrame();
+    CallbackFrame(const CallbackFrame&) = delete;
+    CallbackFrame& operator=(const CallbackFrame&) = delete;
 };
+
+// The frame of a callback data that the I/O manager made; null (after a bug check) for any other.
+CallbackFrame* FrameOf(PFLT_CALLBACK_DATA data);
+
+// The MDL that a filter locked for the operation's buffer, put into parameters that name that
+// buffer without an MDL (the parameters as issued, when the file system gets those).
+void ApplyLockedBuffer(const CallbackFrame& frame, FLT_IO_PARAMETER_BLOCK& parameters);
+
+// The directory buffer of a query as the file system reaches it: the system's view of its MDL
+// when it has one, else its address. Null when the MDL cannot be mapped.
+PVOID DirectoryBufferOf(const FLT_IO_PARAMETER_BLOCK& parameters);
 
 enum class DispatchResult { Completed, FastIoRefused };
 

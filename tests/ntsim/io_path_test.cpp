@@ -305,13 +305,14 @@ TEST_F(IoPathTest, DirectoryListingPassesThroughTheFilterWithItsPatternAndFlags)
     ntsim::UnicodeStringHolder pattern(u"*.txt");
     std::vector<std::string> names;
     NTSTATUS status = STATUS_SUCCESS;
+    UserBuffer buffer(256);
     for (bool first = true; status == STATUS_SUCCESS; first = false) {
-        alignas(8) UCHAR buffer[256];
         IO_STATUS_BLOCK ioStatus{};
-        status = NtQueryDirectoryFile(directory.handle, nullptr, nullptr, nullptr, &ioStatus, buffer, sizeof(buffer),
-                                      FileNamesInformation, TRUE, first ? pattern.get() : nullptr, first);
+        status = NtQueryDirectoryFile(directory.handle, nullptr, nullptr, nullptr, &ioStatus, buffer.data(),
+                                      buffer.size(), FileNamesInformation, TRUE, first ? pattern.get() : nullptr,
+                                      first);
         if (status == STATUS_SUCCESS) {
-            auto* entry = reinterpret_cast<FILE_NAMES_INFORMATION*>(buffer);
+            auto* entry = buffer.as<FILE_NAMES_INFORMATION>();
             names.push_back(ntsim::ToUtf8(
                 std::u16string_view(reinterpret_cast<char16_t*>(entry->FileName), entry->FileNameLength / 2)));
         }

@@ -127,7 +127,9 @@ NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, con
 NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned);
 
 // IRP_MJ_DIRECTORY_CONTROL / IRP_MN_QUERY_DIRECTORY with any stack flags (SL_RESTART_SCAN,
-// SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null.
+// SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null. A driver's own
+// request, in the calling thread's previous mode: NtQueryDirectoryFile's checks of the class, the
+// length and the buffer are not made.
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
 
