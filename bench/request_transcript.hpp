@@ -1,9 +1,10 @@
 // FolderMerge loaded over a C: volume for the request benchmark, and a short run that prints what
 // crosses the Thread port: the driver's requests as the service decodes them (the service
-// library's PrintRequest), the service's replies, and what each request's frame made of the reply.
+// library's PrintRequest) and what each request routine made of the reply.
 // For a reader who wants to see the wire.
 #pragma once
 
+#include <foldermerge/service/listing.hpp>
 #include <foldermerge/service/responder.hpp>
 #include <foldermerge/service/transcript.hpp>
 
@@ -23,10 +24,15 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace requestbench {
 
+using foldermerge::service::ListingEntry;
+using foldermerge::service::ListingStore;
 using foldermerge::service::PrintRequest;
+using foldermerge::service::ReplyContent;
+using foldermerge::service::RequestView;
 using foldermerge::service::ResponderAction;
 using foldermerge::service::ScriptedResponder;
 
@@ -83,9 +89,10 @@ inline std::string Hex(uint64_t value)
     return text;
 }
 
-// Runs the driver's request frame against a scripted service and prints each exchange: a refusal,
-// a file with its marker stream, a listing in two requests, and a request the service never
-// answers, which times out on the virtual clock.
+// Runs the driver's request routines against a scripted service and prints each exchange: an
+// exclusion query the service refuses, a download of a file with its marker stream, a listing in two
+// requests built from the service's entries, and a lock notice the service never answers, which
+// times out on the virtual clock.
 inline void PrintTransportTranscript(std::ostream& out)
 {
     LoadedDriver driver;
@@ -98,17 +105,33 @@ inline void PrintTransportTranscript(std::ostream& out)
     PFLT_INSTANCE instance = driver.Instance();
     const FLT_RELATED_OBJECTS objects{sizeof(FLT_RELATED_OBJECTS), 0, g_ServiceData.FilterHandle, nullptr, instance,
                                       nullptr, nullptr};
+    IO_SECURITY_CONTEXT security{};
+    security.DesiredAccess = FILE_GENERIC_READ;
     FLT_IO_PARAMETER_BLOCK iopb{};
     iopb.TargetInstance = instance;
+    iopb.Parameters.Create.Options = (FILE_OPEN << 24) | FILE_NON_DIRECTORY_FILE;
+    iopb.Parameters.Create.ShareAccess = FILE_SHARE_READ;
+    iopb.Parameters.Create.SecurityContext = &security;
 
+    const std::vector<ListingEntry> entries = {{.name = u"draft.txt", .endOfFile = 120, .fileAttributes = 0x20},
+                                               {.name = u"archive.zip", .endOfFile = 9000, .fileAttributes = 0x20}};
+    ListingStore listings;
     ScriptedResponder service;
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE,
                      .reply = {.status = static_cast<int32_t>(0xC0000034)}});  // not excluded
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED,
                      .reply = {.locked = true, .trackDirtyBlocks = true}});
-    service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS_SIZE,
-                     .reply = {.listingHandle = 0x51, .listingLength = 24}});
-    service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS, .reply = {.listing = std::vector<uint8_t>(24, 0xEE)}});
+    service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS_SIZE, .answer = [&](const RequestView& request) {
+                         auto listing = foldermerge::service::EncodeListing(
+                             request.fileInformationClass, foldermerge::service::SelectEntries(request.filter, entries));
+                         const auto length = static_cast<uint32_t>(listing ? listing->size() : 0);
+                         return ReplyContent{.listingHandle = listing ? listings.Hold(std::move(*listing)) : 0,
+                                             .listingLength = length};
+                     }});
+    service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS, .answer = [&](const RequestView& request) {
+                         return ReplyContent{.listing = listings.Take(request.listingHandle).value_or(
+                                                 std::vector<uint8_t>{})};
+                     }});
     service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_LOCKED, .action = ResponderAction::NoAnswer});
     if (FAILED(service.Connect())) {
         out << "the service could not connect its Thread port\n";
@@ -121,85 +144,57 @@ inline void PrintTransportTranscript(std::ostream& out)
     ntsim::UnicodeStringHolder path(std::u16string(kVolume) + u"\\Data\\report.txt");
     ntsim::UnicodeStringHolder folder(std::u16string(kVolume) + u"\\Data");
     size_t shown = 0;
-    auto showRequests = [&] {
-        auto requests = service.Requests();
-        for (; shown < requests.size(); shown++) {
-            PrintRequest(out, requests[shown]);
-        }
-    };
-    auto show = [&](const char* what, NTSTATUS result, const ServiceRequest& request) {
+    // Prints the requests the service received since the last call, then what the routine gave.
+    auto show = [&](const char* what, size_t requests, NTSTATUS result, const std::string& taken) {
         out << what << "\n";
-        service.WaitForHandled(shown + 1);
-        showRequests();
-        if (request.bReplyRead) {
-            out << "  service -> filter: Status " << Hex(static_cast<uint32_t>(request.pReply->Status)) << ", "
-                << request.ulReplyLength << " bytes\n";
-        } else {
-            out << "  service -> filter: nothing read\n";
+        service.WaitForHandled(shown + requests);
+        const auto recorded = service.Requests();
+        for (; shown < recorded.size(); shown++) {
+            PrintRequest(out, recorded[shown]);
         }
-        out << "  result " << Hex(static_cast<uint32_t>(result)) << "\n";
-        if (request.pMessage->RequestCode != SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED) {
-            out << "\n";
-        }
+        out << "  result " << Hex(static_cast<uint32_t>(result)) << (taken.empty() ? "" : ", ") << taken << "\n\n";
     };
 
-    ServiceRequest request;
-    BeginServiceRequest(&request, SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE, sid.get(), folder.get(), nullptr);
-    FillFileInformationBlock(folder.get(), &objects, &iopb, &request.pMessage->Area.ObjectInformation.Information,
-                             &request.pMessage->Area.ObjectInformation.bMarkerStreamPresent);
-    NTSTATUS result = SendServiceRequest(&request, SERVICE_REPLY_LENGTH_OBJECT_IS_EXCLUDED_FILE);
-    show("Is the folder excluded? (any status but 0 means no)", result, request);
-    EndServiceRequest(&request);
+    NTSTATUS result = ServiceRequest_ObjectIsExcludedFile(sid.get(), folder.get(), &objects, &iopb);
+    show("Is the folder excluded? (any status but 0 means no)", 1, result, "");
 
-    BeginServiceRequest(&request, SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED, sid.get(), path.get(), nullptr);
-    request.pMessage->Area.DownloadIfRequired.CreateOptions = (FILE_OPEN << 24) | FILE_NON_DIRECTORY_FILE;
-    request.pMessage->Area.DownloadIfRequired.ShareAccess = FILE_SHARE_READ;
-    request.pMessage->Area.DownloadIfRequired.DesiredAccess = FILE_GENERIC_READ;
-    FillFileInformationBlock(path.get(), &objects, &iopb, &request.pMessage->Area.DownloadIfRequired.Information,
-                             &request.pMessage->Area.DownloadIfRequired.bMarkerStreamPresent);
-    result = SendServiceRequest(&request, SERVICE_REPLY_LENGTH_OBJECT_DOWNLOAD_IF_REQUIRED);
-    show("Bring the file's content to the disk before the open goes on:", result, request);
-    if (request.bReplyRead) {
-        const DownloadIfRequiredPayload& flags = request.pReply->Payload.DownloadIfRequired;
-        out << "  flags: upload cancelled " << int(flags.bUploadCancelled) << ", locked " << int(flags.bLocked)
-            << ", track dirty blocks " << int(flags.bTrackDirtyBlocks) << "\n\n";
+    FILE_BASIC_INFORMATION basic;
+    FILE_STANDARD_INFORMATION standard;
+    UCHAR bMarker = 0;
+    (VOID) GetFileInformation(path.get(), g_ServiceData.FilterHandle, instance, &basic, &standard, &bMarker);
+    UCHAR bUploadCancelled = 0, bLocked = 0, bTrackDirtyBlocks = 0;
+    result = ServiceRequest_ObjectDownloadIfRequired(sid.get(), path.get(), &basic, &standard, bMarker,
+                                                     &bUploadCancelled, &bLocked, &objects, &iopb,
+                                                     &bTrackDirtyBlocks, nullptr);
+    show("Bring the file's content to the disk before the open goes on:", 1, result,
+         "flags: upload cancelled " + std::to_string(bUploadCancelled) + ", locked " + std::to_string(bLocked) +
+             ", track dirty blocks " + std::to_string(bTrackDirtyBlocks));
+
+    ntsim::UnicodeStringHolder pattern(u"*.txt");
+    ULONG ulLength = 0;
+    ULONGLONG ullHandle = 0;
+    result = ServiceRequest_DirectoryContentsSize(sid.get(), folder.get(), pattern.get(), FileBothDirectoryInformation,
+                                                  &ulLength, &ullHandle, 0);
+    show("How long is the service's listing of the folder?", 1, result,
+         std::to_string(ulLength) + " bytes, handle " + Hex(ullHandle));
+    std::vector<uint8_t> block(ulLength);
+    result = ulLength != 0 ? ServiceRequest_DirectoryContents(ullHandle, block.data(), ulLength) : 0;
+    std::string names;
+    for (const ListingEntry& entry :
+         foldermerge::service::DecodeListing(FileBothDirectoryInformation, block).value_or(std::vector<ListingEntry>{})) {
+        names += names.empty() ? "" : " ";
+        names += ntsim::ToUtf8(entry.name);
     }
-    EndServiceRequest(&request);
-
-    BeginServiceRequest(&request, SERVICE_REQUEST_DIRECTORY_CONTENTS_SIZE, sid.get(), folder.get(), nullptr);
-    request.pMessage->Area.DirectoryContentsSize.Filter[0] = u'*';
-    request.pMessage->Area.DirectoryContentsSize.FileInformationClass = FileBothDirectoryInformation;
-    request.pMessage->Area.DirectoryContentsSize.bWantListingHandle = 1;
-    result = SendServiceRequest(&request, SERVICE_REPLY_LENGTH_DIRECTORY_CONTENTS_SIZE);
-    show("How long is the service's listing of the folder?", result, request);
-    const uint64_t listingHandle = request.bReplyRead ? request.pReply->ListingHandle : 0;
-    const uint32_t listingLength = request.bReplyRead ? request.pReply->Payload.DirectoryContentsSize.ListingLength : 0;
-    EndServiceRequest(&request);
-
-    BeginServiceRequest(&request, SERVICE_REQUEST_DIRECTORY_CONTENTS, nullptr, nullptr, nullptr);
-    request.pMessage->Identity.Listing.ListingHandle = listingHandle;
-    request.pMessage->Identity.Listing.ListingLength = listingLength;
-    result = SendServiceRequest(&request, SERVICE_REPLY_LENGTH_DIRECTORY_CONTENTS(listingLength));
-    show("Fetch the listing by its handle:", result, request);
-    EndServiceRequest(&request);
+    show("Fetch the listing by its handle:", 1, result, "records: " + names);
 
     // The service takes this one and never answers: the caller waits its 30 minutes of virtual
     // time and goes on with STATUS_TIMEOUT.
-    auto pending = std::async(std::launch::async, [&] {
-        ServiceRequest unanswered;
-        BeginServiceRequest(&unanswered, SERVICE_REQUEST_OBJECT_IS_LOCKED, sid.get(), path.get(), nullptr);
-        const NTSTATUS status = SendServiceRequest(&unanswered, SERVICE_REPLY_LENGTH_OBJECT_IS_LOCKED);
-        const UCHAR bReplyRead = unanswered.bReplyRead;
-        EndServiceRequest(&unanswered);
-        return std::make_pair(status, bReplyRead);
-    });
+    auto pending = std::async(std::launch::async, [&] { return ServiceRequest_ObjectIsLocked(sid.get(), path.get()); });
     service.WaitForHandled(shown + 1);
     ntsim::clock::Advance(30 * ntsim::clock::kMinute);
-    auto [timeoutStatus, bReplyRead] = pending.get();
-    out << "Tell the service the file is unlocked (it never answers; the clock moves 30 minutes):\n";
-    showRequests();
-    out << "  service -> filter: " << (bReplyRead ? "a reply" : "nothing read") << "\n  result "
-        << Hex(static_cast<uint32_t>(timeoutStatus)) << " (STATUS_TIMEOUT, not an error)\n";
+    const NTSTATUS timeoutStatus = pending.get();
+    show("Tell the service the file is unlocked (it never answers; the clock moves 30 minutes):", 0, timeoutStatus,
+         "STATUS_TIMEOUT, not an error");
 }
 
 }  // namespace requestbench

@@ -11,6 +11,7 @@
 #ifndef __cplusplus
 #include <assert.h>  // static_assert is a macro of <assert.h> in C11
 #endif
+#include "servicelistings.h"
 #include "servicerequests.h"
 
 // The server port. The service connects twice: the Thread port, on which the filter sends its

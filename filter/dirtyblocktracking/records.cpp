@@ -228,13 +228,5 @@ VOID ClearTrackedDirtyBlockFileList()
 
 NTSTATUS DeleteTrackedDirtyBlockFileListLock()
 {
-    if (g_DirtyBlockLock == nullptr) {
-        return STATUS_SUCCESS;
-    }
-    NTSTATUS status = ExDeleteResourceLite(g_DirtyBlockLock);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    FreeBufferAndClear((PVOID*)&g_DirtyBlockLock);
-    return STATUS_SUCCESS;
+    return DeleteDriverLock(&g_DirtyBlockLock);
 }

@@ -4,6 +4,7 @@
 #include "identity.h"
 #include "locks.h"
 #include "trace.h"
+#include "user.h"
 
 static PWSTR g_pszNextBarToken;
 
@@ -28,7 +29,8 @@ static VOID ClearMergeFolderRow(MergeFolderEntry* pRow)
 NTSTATUS ClearConfiguration()
 {
     AcquireLockExclusive(g_ConfigLock);
-    // The users' records and their exclusion caches go with the table once the filter keeps them.
+    // Every user's verdicts go with the table: the next configuration may decide otherwise.
+    ClearUserRecords();
     for (ULONG ulRow = 0; ulRow < g_MergeFolderCount; ulRow++) {
         ClearMergeFolderRow(&g_MergeFolders[ulRow]);
     }

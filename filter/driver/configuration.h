@@ -6,9 +6,9 @@
 #include "mergefolders.h"
 #include "servicemessages.h"
 
-// Empties the merge folder table (and, with them, the users' records). The blacklist stays until a
-// configuration with folders replaces it. Always STATUS_SUCCESS. IRQL: PASSIVE_LEVEL; takes
-// g_ConfigLock.
+// Empties the merge folder table and ends every user record with its exclusion cache. The blacklist
+// stays until a configuration with folders replaces it. Always STATUS_SUCCESS. IRQL: PASSIVE_LEVEL;
+// takes g_ConfigLock, and g_UserListLock inside it.
 NTSTATUS ClearConfiguration();
 
 // Fills the table and the blacklist from a SetConfiguration message, after ClearConfiguration.

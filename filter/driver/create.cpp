@@ -7,6 +7,7 @@
 // the open: the filter fails open.
 #include "create.h"
 
+#include "exclusions.h"
 #include "globals.h"
 #include "identity.h"
 #include "mergefolders.h"
@@ -145,8 +146,12 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         goto Exit;
     }
 
-    // 10. Exclusions. The user's exclusion cache and the service's exclusion query come with the
-    // service requests; until then no open is excluded.
+    // A path that the service excludes for this user, or that lies in a directory it excludes, is
+    // none of the filter's business.
+    if (IsExcludedByDirectory(pstrSid, pstrPath, FltObjects, Data->Iopb)) {
+        TRACE_INFO("[EXIT] - Ignoring excluded file [%wZ]", pstrPath);
+        goto Exit;
+    }
 
     // 11. From here on the open is a request for managed content.
     TRACE_INFO("Normalized requested Path is [%wZ] and the user SID is [%wZ]", pstrPath, pstrSid);

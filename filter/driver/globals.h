@@ -19,5 +19,5 @@ extern ServiceData g_ServiceData;
 // 1 in pass-through mode. One byte, written by the port notifications and read without a lock.
 extern volatile UCHAR g_PassThrough;
 
-// The list of users' records (empty until the filter keeps them), guarded by g_UserListLock.
+// The list of users' records (user.h), guarded by g_UserListLock.
 extern LIST_ENTRY g_UserList;

@@ -2,6 +2,7 @@
 #include "lifecycle.h"
 
 #include "configuration.h"
+#include "context.h"
 #include "dirtyblocktracking.h"
 #include "globals.h"
 #include "locks.h"
@@ -12,6 +13,7 @@
 #include "streamnames.h"
 #include "trace.h"
 #include "traceprovider.h"
+#include "user.h"
 
 ServiceData g_ServiceData;
 volatile UCHAR g_PassThrough;
@@ -40,12 +42,17 @@ static NTSTATUS MakeLock(PERESOURCE* ppLock)
     return STATUS_SUCCESS;
 }
 
-static VOID DeleteLock(PERESOURCE* ppLock)
+NTSTATUS DeleteDriverLock(PERESOURCE* ppLock)
 {
-    if (*ppLock != nullptr) {
-        ExDeleteResourceLite(*ppLock);
-        FreeBufferAndClear((PVOID*)ppLock);
+    if (*ppLock == nullptr) {
+        return STATUS_SUCCESS;
     }
+    NTSTATUS status = ExDeleteResourceLite(*ppLock);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    FreeBufferAndClear((PVOID*)ppLock);
+    return STATUS_SUCCESS;
 }
 
 // Makes the six locks in their order. A lock that can't be made is traced and the others are still
@@ -108,18 +115,22 @@ static VOID ReleaseFilter()
     }
     // The blacklist outlives a cleared configuration, but not the filter.
     FreeProcessBlacklist();
-    DeleteLock(&g_ConfigLock);
-    // File contexts, MUP access records and user records are emptied here once the filter keeps
-    // them; none exists in this build. The maps still live are not written back: the filter is
-    // unregistered and has no handle to write with, and a file that stays open after the unload can
-    // be written unseen, so their next load starts wholly dirty.
+    (VOID) DeleteDriverLock(&g_ConfigLock);
+    // The file contexts go first: they hold references on tracked dirty block files. The maps
+    // still live are not written back: the filter is unregistered and has no handle to write with,
+    // and a file that stays open after the unload can be written unseen, so their next load starts
+    // wholly dirty. MUP access records are emptied here once the filter keeps them. The
+    // configuration's clearing has taken the user records out; with no callback left, none is
+    // still held.
+    DeleteAllContexts();
     ClearTrackedDirtyBlockFileList();
+    ClearUserRecords();
     DeleteStreamStringTable();
-    DeleteLock(&g_ContextLock);
+    (VOID) DeleteContextLock();
     (VOID) DeleteTrackedDirtyBlockFileListLock();
-    DeleteLock(&g_MupLock);
-    DeleteLock(&g_UserListLock);
-    DeleteLock(&g_TraceLock);
+    (VOID) DeleteDriverLock(&g_MupLock);
+    (VOID) DeleteUserListLock();
+    (VOID) DeleteDriverLock(&g_TraceLock);
 }
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
@@ -135,7 +146,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     g_DirtyBlockFileList = nullptr;
     g_PoolType = NonPagedPool;
 
-    // 1. Non-executable non-paged pool exists from NT 6.2 on.
+    // Non-executable non-paged pool exists from NT 6.2 on.
     RTL_OSVERSIONINFOW versionInformation;
     RtlZeroMemory(&versionInformation, sizeof(versionInformation));
     versionInformation.dwOSVersionInfoSize = sizeof(versionInformation);
@@ -145,44 +156,39 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
         g_PoolType = NonPagedPoolNx;
     }
 
-    // 2.
     g_ServiceData.ClientPortDisconnectCount = 0;
 
-    // 3.
     status = FltRegisterFilter(DriverObject, &FilterRegistration, &g_ServiceData.FilterHandle);
     if (!NT_SUCCESS(status)) {
         g_ServiceData.FilterHandle = nullptr;
         return status;
     }
 
-    // 4.
     status = FltBuildDefaultSecurityDescriptor(&pSecurityDescriptor, FLT_PORT_ALL_ACCESS);
     if (!NT_SUCCESS(status)) {
         goto Failed;
     }
 
-    // 5. Every lock is tried; a missing one ends start before any callback could run without it.
+    // Every lock is tried; a missing one ends start before any callback could run without it.
     status = MakeLocks();
     if (!NT_SUCCESS(status)) {
         FltFreeSecurityDescriptor(pSecurityDescriptor);
         goto Failed;
     }
 
-    // 6, 7. A service may connect from here on.
+    // A service may connect from here on.
     status = CreateServicePort(pSecurityDescriptor);
     FltFreeSecurityDescriptor(pSecurityDescriptor);
     if (!NT_SUCCESS(status)) {
         goto Failed;
     }
 
-    // 8.
     status = CreateStreamStringTable();
     if (!NT_SUCCESS(status)) {
         TRACE_ERROR("Failed to initialise stream string table (0x%08x)", status);
         goto Failed;
     }
 
-    // 9.
     status = FltStartFiltering(g_ServiceData.FilterHandle);
     if (!NT_SUCCESS(status)) {
         goto Failed;

@@ -13,6 +13,11 @@ extern PERESOURCE g_MupLock;
 extern PERESOURCE g_UserListLock;
 extern PERESOURCE g_TraceLock;
 
+// Deletes the lock *ppLock (ExDeleteResourceLite), frees it and sets *ppLock to null. A delete that
+// fails returns its status and leaves the lock allocated; STATUS_SUCCESS when there is no lock (a
+// start that failed before making it). IRQL: PASSIVE_LEVEL; at unload, with no callback left.
+NTSTATUS DeleteDriverLock(PERESOURCE* ppLock);
+
 // Enters a critical region and takes pLock exclusively, waiting. IRQL: <= APC_LEVEL.
 FORCEINLINE VOID AcquireLockExclusive(PERESOURCE pLock)
 {

@@ -4,7 +4,7 @@
 
 #include "trace.h"
 
-// Whether both strings can be printed.
+// Whether both strings can be printed. IRQL: any.
 static bool HaveText(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond)
 {
     return pFirst != nullptr && pFirst->Buffer != nullptr && pSecond != nullptr && pSecond->Buffer != nullptr;

@@ -5,7 +5,7 @@
 #include "trace.h"
 
 // Sends a begun notice once, ends it and returns its result. beginStatus is what Begin returned:
-// a failure is passed on, nothing sent.
+// a failure is passed on, nothing sent. IRQL: <= APC_LEVEL, no lock held.
 static NTSTATUS SendNoticeAndEnd(ServiceRequest* pRequest, NTSTATUS beginStatus, ULONG ulReplyLength)
 {
     NTSTATUS status = beginStatus;
@@ -17,7 +17,7 @@ static NTSTATUS SendNoticeAndEnd(ServiceRequest* pRequest, NTSTATUS beginStatus,
     return status;
 }
 
-// A notice that carries its path and nothing in its area.
+// A notice that carries its path and nothing in its area. IRQL: <= APC_LEVEL, no lock held.
 static NTSTATUS SendPathNotice(ULONG ulRequestCode, PCUNICODE_STRING pstrSid, PCUNICODE_STRING pstrPath,
                                ULONG ulReplyLength)
 {
@@ -28,7 +28,7 @@ static NTSTATUS SendPathNotice(ULONG ulRequestCode, PCUNICODE_STRING pstrSid, PC
 }
 
 // A notice whose area is the file information block at 560, with the marker byte at 624 when
-// bWithMarker is set.
+// bWithMarker is set. IRQL: PASSIVE_LEVEL, no lock held.
 static NTSTATUS SendObjectInformationNotice(ULONG ulRequestCode, PCUNICODE_STRING pstrSid, PCUNICODE_STRING pstrPath,
                                             PCFLT_RELATED_OBJECTS FltObjects, PFLT_IO_PARAMETER_BLOCK Iopb,
                                             BOOLEAN bWithMarker, ULONG ulReplyLength)

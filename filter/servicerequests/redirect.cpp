@@ -5,7 +5,7 @@
 #include "trace.h"
 
 // The name of a redirect reply that fits, as a new zero-terminated OwnedString; null when out of
-// memory. ulNameLength is even and at most SERVICE_REDIRECT_NAME_MAX_BYTES.
+// memory. ulNameLength is even and at most SERVICE_REDIRECT_NAME_MAX_BYTES. IRQL: <= DISPATCH_LEVEL.
 static OwnedString* TakeRedirectName(const RedirectAttributesPayload* pPayload, ULONG ulNameLength)
 {
     OwnedString* pstrName = CreateUnicodeString(POOL_SELECTOR_NONPAGED, (USHORT)(ulNameLength + sizeof(WCHAR)));

@@ -6,7 +6,7 @@
 #define SIGNATURE_FIELD_CHARS (SERVICE_SIGNATURE_NAME_CHARS + 1)
 
 // Copies the reply's name into pstrName when a zero character ends it within the field and it fits
-// pstrName's buffer; otherwise pstrName stays as it was.
+// pstrName's buffer; otherwise pstrName stays as it was. IRQL: any, for resident buffers.
 static VOID TakeSignatureName(const SignaturePayload* pPayload, PUNICODE_STRING pstrName)
 {
     ULONG ulChars = 0;

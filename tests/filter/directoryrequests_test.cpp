@@ -3,6 +3,7 @@
 // listing by its handle.
 #include "request_fixture.hpp"
 
+#include <foldermerge/service/listing.hpp>
 #include <foldermerge/service/responder.hpp>
 
 #include <ntsim/sim/clock.hpp>
@@ -14,6 +15,10 @@
 namespace foldermerge::testing {
 namespace {
 
+using service::ListingEntry;
+using service::ListingStore;
+using service::ReplyContent;
+using service::RequestView;
 using service::ResponderAction;
 using service::ScriptedResponder;
 
@@ -178,6 +183,58 @@ TEST_F(DirectoryRequestTest, ContentsRefusedByTheServiceLeaveTheCallersBufferUnt
     std::vector<uint8_t> block(16, 0x11);
     EXPECT_EQ(ServiceRequest_DirectoryContents(7, block.data(), (ULONG)block.size()), STATUS_NOT_FOUND);
     EXPECT_EQ(block, std::vector<uint8_t>(16, 0x11));
+}
+
+TEST_F(DirectoryRequestTest, ListingBuiltFromTheServicesEntriesCrossesThePortByItsHandleNarrowedByThePattern)
+{
+    const std::vector<ListingEntry> entries = {
+        {.name = u"plan.txt", .endOfFile = 17, .fileAttributes = FILE_ATTRIBUTE_ARCHIVE},
+        {.name = u"photo.jpg", .endOfFile = 90000, .fileAttributes = FILE_ATTRIBUTE_ARCHIVE},
+        {.name = u"Notes.TXT", .endOfFile = 3, .fileAttributes = FILE_ATTRIBUTE_READONLY},
+    };
+    ListingStore listings;
+    ScriptedResponder service;
+    service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS_SIZE, .answer = [&](const RequestView& request) {
+                         auto listing = service::EncodeListing(request.fileInformationClass,
+                                                               service::SelectEntries(request.filter, entries));
+                         if (!listing) {
+                             return ReplyContent{.status = (int32_t)STATUS_INVALID_INFO_CLASS};
+                         }
+                         const auto length = (uint32_t)listing->size();
+                         return ReplyContent{.listingHandle = listings.Hold(std::move(*listing)),
+                                             .listingLength = length};
+                     }});
+    service.AddRule({.code = SERVICE_REQUEST_DIRECTORY_CONTENTS, .answer = [&](const RequestView& request) {
+                         auto listing = listings.Take(request.listingHandle);
+                         return listing ? ReplyContent{.listing = std::move(*listing)}
+                                        : ReplyContent{.status = (int32_t)STATUS_INVALID_PARAMETER};
+                     }});
+    ASSERT_EQ(service.Connect(), S_OK);
+    ntsim::UnicodeStringHolder pattern(u"*.txt");
+
+    for (ULONG fileInformationClass : {1u, 2u, 3u, 12u, 37u, 38u}) {
+        SCOPED_TRACE(fileInformationClass);
+        ULONG length = 0;
+        ULONGLONG handle = 0;
+        ASSERT_EQ(ServiceRequest_DirectoryContentsSize(sid_.get(), folder_.get(), pattern.get(), fileInformationClass,
+                                                       &length, &handle, 0),
+                  STATUS_SUCCESS);
+        ASSERT_GT(length, 0u);
+        std::vector<uint8_t> block(length);
+        ASSERT_EQ(ServiceRequest_DirectoryContents(handle, block.data(), length), STATUS_SUCCESS);
+        const auto received = service::DecodeListing(fileInformationClass, block);
+        ASSERT_TRUE(received.has_value());
+        ASSERT_EQ(received->size(), 2u);
+        EXPECT_EQ((*received)[0].name, u"plan.txt");
+        EXPECT_EQ((*received)[1].name, u"Notes.TXT");
+    }
+    EXPECT_EQ(listings.size(), 0u) << "each listing was fetched once";
+
+    // A class the service has no records for is refused, and no listing is held.
+    ULONG length = 0;
+    EXPECT_EQ(ServiceRequest_DirectoryContentsSize(sid_.get(), folder_.get(), pattern.get(), 4, &length, nullptr, 0),
+              STATUS_INVALID_INFO_CLASS);
+    EXPECT_EQ(length, 0u);
 }
 
 TEST_F(DirectoryRequestTest, BadArgumentsOfEitherRequestSendNothing)

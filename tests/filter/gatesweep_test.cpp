@@ -20,11 +20,13 @@
 //
 // Failure points of each class (the test prints them in their order). Every open passes 8 on its
 // way to the classification (the path and the SID); the rest are the lookups' copies, the process
-// image name (an allocation, the name query twice and its buffer) and the trace writes:
-//   own folder 13, another user's folder 15, blacklisted in own folder 13, blacklisted in another
-//   user's folder 13, not managed 8, dummy file 9, read-only refusal 14, merge folder deletion
-//   refusal 13, stream path 14, kernel mode for attributes 9, kernel mode for content 15, relative
-//   open 14, short-name path 17 (the long name: the name query, its record and the filter's copy).
+// image name (an allocation, the name query twice and its buffer), the exclusion test of a managed
+// open (its two copies of the path, the user record and its SID, the request to the service, the
+// cached verdict) and the trace writes:
+//   own folder 31, another user's folder 33, blacklisted in own folder 13, blacklisted in another
+//   user's folder 13, not managed 8, dummy file 27, read-only refusal 32, merge folder deletion
+//   refusal 31, stream path 32, kernel mode for attributes 9, kernel mode for content 33, relative
+//   open 32, short-name path 35 (the long name: the name query, its record and the filter's copy).
 #include "trace_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
@@ -36,6 +38,8 @@
 #include <cstdio>
 #include <set>
 #include <sstream>
+
+#include "user.h"
 
 namespace foldermerge::testing {
 
@@ -196,6 +200,10 @@ protected:
         const char* kind = persistence == Persistence::Once ? "once" : "from there on";
         std::vector<std::string> points;
         for (uint64_t n = 1;; n++) {
+            // Each run starts without user records, so that an open's exclusion test takes the
+            // cache's miss: the record made, the service asked, the verdict cached. The records go
+            // again before the pool is compared.
+            ClearUserRecords();
             const ntsim::pool::Usage filterPool = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
             ntsim::pool::Checkpoint checkpoint;
             std::vector<ntsim::verifier::BugCheckRecord> bugchecks;
@@ -222,6 +230,7 @@ protected:
                     << where << ": the caller saw " << Describe(result) << ", expected " << Describe(openCase.verdict)
                     << (openCase.verdict == kRefused ? " or the open passing" : "");
             }
+            ClearUserRecords();
             std::vector<ntsim::pool::Allocation> leaks = checkpoint.Leaks();
             EXPECT_TRUE(leaks.empty()) << where << ": left in pool\n" << ntsim::pool::FormatReport(leaks);
             const ntsim::pool::Usage after = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);

@@ -1,6 +1,7 @@
 /* The records shared with the service, compiled as C: a service written in C includes these
  * headers as they are. Each header comes first once, so that each is seen to stand alone, and
  * their pinned offsets and sizes are checked by the C compiler's own layout. */
+#include "servicelistings.h"
 #include "servicerequests.h"
 #include "servicemessages.h"
 

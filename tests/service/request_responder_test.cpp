@@ -16,18 +16,14 @@ using service::ScriptedResponder;
 
 class ResponderTest : public LoadedFilter {
 protected:
-    // The result of a request of ulCode (code 16 by default) for path, as the filter judged it.
+    // The result of an exclusion query for path (or a write notice), as the filter judged it.
     static NTSTATUS Ask(std::u16string_view path, ULONG ulCode = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE)
     {
         ntsim::UnicodeStringHolder sid(kAlice);
         ntsim::UnicodeStringHolder pathText(path);
-        ServiceRequest request;
-        NTSTATUS status = BeginServiceRequest(&request, ulCode, sid.get(), pathText.get(), nullptr);
-        if (NT_SUCCESS(status)) {
-            status = SendServiceRequest(&request, SERVICE_REPLY_HEAD_SIZE);
-        }
-        EndServiceRequest(&request);
-        return status;
+        return ulCode == SERVICE_REQUEST_OBJECT_WRITE_NOTIFY
+                   ? ServiceRequest_ObjectWriteNotify(sid.get(), pathText.get())
+                   : ServiceRequest_ObjectIsExcludedFile(sid.get(), pathText.get(), nullptr, nullptr);
     }
 };
 

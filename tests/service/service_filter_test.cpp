@@ -70,13 +70,9 @@ protected:
         ntsim::AttachThread thread(UserProcess(kAlice));
         ntsim::UnicodeStringHolder sid(kAlice);
         ntsim::UnicodeStringHolder path(u"\\Device\\HarddiskVolume2\\Data\\a.txt");
-        ServiceRequest request;
-        NTSTATUS status = BeginServiceRequest(&request, SERVICE_REQUEST_OBJECT_EXISTS, sid.get(), path.get(), nullptr);
-        if (NT_SUCCESS(status)) {
-            status = SendServiceRequest(&request, SERVICE_REPLY_LENGTH_OBJECT_EXISTS);
-        }
-        EndServiceRequest(&request);
-        return status;
+        UCHAR bExists = 0;
+        UCHAR bSecondFlag = 0;
+        return ServiceRequest_ObjectExists(sid.get(), path.get(), nullptr, nullptr, &bExists, &bSecondFlag);
     }
 
     Observed Observe()
@@ -97,11 +93,12 @@ TEST_F(ServiceAndFilter, EveryStateAndTransitionOfTheServiceConnection)
     // Not yet configured: nothing is managed, and there is nobody to ask.
     EXPECT_EQ(Observe(), (Observed{0, 0, STATUS_SUCCESS, STATUS_PORT_DISCONNECTED}));
 
-    // Operating, configured by the service's arrival; its receiver answers the requests.
+    // Operating, configured by the service's arrival; its receiver answers the requests: the
+    // exclusion query of alice's write to her folder (not excluded), then her request.
     ASSERT_EQ(service_->Arrive(), S_OK);
     EXPECT_EQ(Observe(), (Observed{0, 1, STATUS_ACCESS_DENIED, kAnswered}));
-    EXPECT_TRUE(service_->WaitForRequestsAnswered(1));
-    EXPECT_EQ(service_->requestsAnswered(), 1u);
+    EXPECT_TRUE(service_->WaitForRequestsAnswered(2));
+    EXPECT_EQ(service_->requestsAnswered(), 2u);
 
     // Operating, with the configuration replaced whole: alice's folder writable, bob's read-only.
     ASSERT_EQ(Configure({.folders = {{kAlice, u"C:\\Data", false}, {kBob, u"C:\\Shared", true}}}), S_OK);

@@ -15,6 +15,9 @@
 #include "gate_traces.hpp"
 #include "scenes.hpp"
 
+#include "commands.hpp"
+
+#include <foldermerge/service/configuration_file.hpp>
 #include <foldermerge/service/simulated_service.hpp>
 
 #include <ntsim/sim/iomanager.hpp>
@@ -31,6 +34,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -191,6 +195,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
 
     auto system = ntsim::CreateNtfsVolume(kSystemVolume);
     system->SeedFile(OnVolume(alicePlan), "alice's plan");
+    system->SeedFile(OnVolume(aliceFolder) + u"\\Cache\\thumbs.db", "thumbnails");
     system->SeedFile(OnVolume(bobFolder) + u"\\notes.txt", "bob's notes");
     system->SeedFile(u"\\Windows\\win.ini", "[fonts]\r\n");
     auto fat = ntsim::CreateFatVolume(kFatVolume);
@@ -244,25 +249,24 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
                     HresultName(service.Run([](auto& connection) { return connection.ConnectConfigPort(); })), "S_OK");
         expect.Line("  ", "connections on " + ntsim::ToUtf8(portName) + ": ",
                     std::to_string(ntsim::ports::ConnectionCount(portName)), "2");
-        expect.Line("  ", "SetTracingEnabled: ",
-                    HresultName(service.Run([](auto& connection) { return connection.SetTracingEnabled(true); })),
-                    "S_OK");
-        scene.Traces(traces.Take());
-
-        out << "  SetConfiguration:\n";
-        for (const auto& folder : configuration.folders) {
-            out << "    " << ntsim::ToUtf8(folder.sid) << "  " << ntsim::ToUtf8(folder.path)
-                << (folder.readOnly ? "  read-only" : "") << "\n";
+        // The console tool an administrator runs, on the service's Config port.
+        const std::string configurationText = foldermerge::service::FormatConfigurationText(configuration);
+        const std::vector<std::string> commands = {"trace", "on", "configure", "-"};
+        out << "  fmctl, the console tool, in the service's process: fmctl trace on configure -\n"
+               "  with this configuration file on its standard input:\n";
+        std::string line;
+        for (std::istringstream lines(configurationText); std::getline(lines, line);) {
+            out << "    | " << line << "\n";
         }
-        out << "    blacklist:";
-        for (const std::u16string& image : blacklist) {
-            out << " " << ntsim::ToUtf8(image);
+        std::ostringstream toolOutput;
+        const int toolStatus = service.Run([&](auto& connection) {
+            std::istringstream input(configurationText);
+            return fmctl::RunCommands(connection, commands, input, toolOutput);
+        });
+        for (std::istringstream lines(toolOutput.str()); std::getline(lines, line);) {
+            out << "    fmctl: " << line << "\n";
         }
-        out << "\n";
-        expect.Line("  ", "  -> ",
-                    HresultName(service.Run(
-                        [&](auto& connection) { return connection.SetConfiguration(configuration); })),
-                    "S_OK");
+        expect.Line("  ", "fmctl's exit status: ", std::to_string(toolStatus), "0");
         scene.Traces(traces.Take());
 
         // ---- opens ----
@@ -298,6 +302,9 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
             STATUS_SUCCESS);
         add("A blacklisted process", aliceBackupUser, readPlan, "reading", Verdict::Blacklisted, STATUS_SUCCESS,
             STATUS_SUCCESS);
+        add("A folder the service excludes", aliceUser,
+            {NtPath(aliceFolder) + u"\\Cache\\thumbs.db", FILE_GENERIC_READ}, "reading", Verdict::Excluded,
+            STATUS_SUCCESS, STATUS_SUCCESS);
         add("A path outside every merge folder", aliceUser, {u"\\??\\C:\\Windows\\win.ini", FILE_GENERIC_READ},
             "reading", Verdict::LeftAlone, STATUS_SUCCESS, STATUS_SUCCESS);
         add("A file below a read-only folder is writable", aliceUser, {plan, FILE_GENERIC_WRITE}, "writing",

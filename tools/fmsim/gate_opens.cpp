@@ -65,6 +65,7 @@ std::string VerdictName(Verdict verdict)
     case Verdict::OtherUsersFolder: return "another user's merge folder: local content only";
     case Verdict::Blacklisted: return "blacklisted process: left alone";
     case Verdict::KernelModeNoContent: return "kernel-mode open touching no content: left alone";
+    case Verdict::Excluded: return "excluded by the service: left alone";
     case Verdict::RefusedReadOnly: return "refused: write to a read-only merge folder";
     case Verdict::RefusedDelete: return "refused: deletion of a merge folder";
     case Verdict::LeftAlone: return "left alone without a trace";
@@ -93,6 +94,9 @@ Verdict Judge(const OpenRequest& request, const OpenResult& result, const std::v
     }
     if (AnyContains(traceMessages, "[EXIT] Previous mode is KernelMode")) {
         return Verdict::KernelModeNoContent;
+    }
+    if (AnyContains(traceMessages, "[EXIT] - Ignoring excluded file")) {
+        return Verdict::Excluded;
     }
     if (AnyContains(traceMessages, "to local content only for non-blacklisted process")) {
         return managed ? Verdict::OtherUsersFolder : Verdict::Unexplained;

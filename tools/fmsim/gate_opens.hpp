@@ -47,6 +47,7 @@ enum class Verdict {
     OtherUsersFolder,   // another user's merge folder: local content only
     Blacklisted,        // a blacklisted process in its user's folder: left alone
     KernelModeNoContent,  // a kernel-mode open that touches no content: left alone
+    Excluded,           // a path the service excludes for its user: left alone
     RefusedReadOnly,    // a write to a read-only merge folder's own path
     RefusedDelete,      // the deletion of a merge folder
     LeftAlone,          // passed without a trace: not managed, another machine, pass-through mode

@@ -4,6 +4,7 @@
 #include <foldermerge/service/reply.hpp>
 #include <foldermerge/service/request.hpp>
 
+#include <algorithm>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -14,15 +15,44 @@ namespace foldermerge::service {
 namespace {
 
 constexpr int32_t kInvalidParameter = static_cast<int32_t>(0xC000000Du);
+constexpr int32_t kObjectNameNotFound = static_cast<int32_t>(0xC0000034u);
 
-// Every request gets its reply with nothing set; bytes that are no request are refused.
-std::optional<std::vector<uint8_t>> AnswerHoldingNothing(const IncomingRequest& request)
+char16_t FoldAsciiCase(char16_t character)
+{
+    return character >= u'a' && character <= u'z' ? static_cast<char16_t>(character - u'a' + u'A') : character;
+}
+
+// Whether path is folder or lies below it.
+bool IsAtOrBelow(std::u16string_view path, std::u16string_view folder)
+{
+    if (path.size() < folder.size() || (path.size() > folder.size() && path[folder.size()] != u'\\')) {
+        return false;
+    }
+    for (size_t index = 0; index < folder.size(); index++) {
+        if (FoldAsciiCase(path[index]) != FoldAsciiCase(folder[index])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Every request gets its reply with nothing set, an exclusion query the service's verdict; bytes
+// that are no request are refused.
+std::optional<std::vector<uint8_t>> Answer(const IncomingRequest& request,
+                                           const std::vector<std::u16string>& excludedFolders)
 {
     const DecodedRequest decoded = DecodeRequest(request.Bytes());
     if (!decoded.request) {
         return EncodeRefusal(request.replyCapacity, kInvalidParameter);
     }
-    return EncodeReply(*decoded.request, ReplyContent{});
+    ReplyContent reply;
+    if (decoded.request->code == SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE) {
+        const bool excluded =
+            std::any_of(excludedFolders.begin(), excludedFolders.end(),
+                        [&](const std::u16string& folder) { return IsAtOrBelow(decoded.request->path, folder); });
+        reply.status = excluded ? 0 : kObjectNameNotFound;
+    }
+    return EncodeReply(*decoded.request, reply);
 }
 
 }  // namespace
@@ -36,6 +66,11 @@ Configuration DemoConfiguration()
     };
     configuration.blacklist = {u"SearchIndexer.exe", u"backup.exe"};
     return configuration;
+}
+
+std::vector<std::u16string> DemoExcludedFolders()
+{
+    return {u"\\Device\\HarddiskVolume2\\Users\\alice\\Velmora\\Cache"};
 }
 
 SimulatedService::SimulatedService(SimulatedServiceOptions options)
@@ -69,7 +104,11 @@ HRESULT SimulatedService::ConnectThreadPort()
     return Run([this](FilterConnection& connection) {
         HRESULT step = connection.ConnectThreadPort();
         if (SUCCEEDED(step)) {
-            step = connection.StartReceiving(AnswerHoldingNothing, options_.workers,
+            step = connection.StartReceiving(
+                [excludedFolders = options_.excludedFolders](const IncomingRequest& request) {
+                    return Answer(request, excludedFolders);
+                },
+                options_.workers,
                                              [process = process_](std::function<void()> body) {
                                                  return std::thread([process, body = std::move(body)] {
                                                      ntsim::AttachThread attach(process);

@@ -17,6 +17,11 @@ std::string Hex(uint64_t value)
     return text;
 }
 
+const char* YesNo(bool value)
+{
+    return value ? "yes" : "no";
+}
+
 }  // namespace
 
 void PrintRequest(std::ostream& out, const RecordedRequest& recorded)
@@ -48,8 +53,38 @@ void PrintRequest(std::ostream& out, const RecordedRequest& recorded)
     if (view.markerStreamPresent) {
         out << "      marker stream: " << (*view.markerStreamPresent ? "present" : "absent") << "\n";
     }
-    if (view.code == SERVICE_REQUEST_DIRECTORY_CONTENTS) {
+    switch (view.code) {
+    case SERVICE_REQUEST_OBJECT_RENAME_FROM_MANAGED:
+        out << "      to a recycle bin: " << YesNo(view.toRecycleBin) << "\n";
+        break;
+    case SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED:
+        out << "      open: options " << Hex(view.createOptions) << ", share " << Hex(view.shareAccess) << ", access "
+            << Hex(view.desiredAccess) << "\n";
+        break;
+    case SERVICE_REQUEST_DIRECTORY_CONTENTS_SIZE:
+        out << "      pattern ";
+        if (view.filter.empty()) {
+            out << "none";
+        } else {
+            out << '"' << ntsim::ToUtf8(view.filter) << '"';
+        }
+        out << ", class " << view.fileInformationClass << ", handle wanted " << YesNo(view.wantListingHandle)
+            << ", single entry " << YesNo(view.returnSingleEntry) << "\n";
+        break;
+    case SERVICE_REQUEST_DIRECTORY_CONTENTS:
         out << "      listing handle " << Hex(view.listingHandle) << ", " << view.listingLength << " bytes\n";
+        break;
+    case SERVICE_REQUEST_OBJECT_SIGNATURE:
+        out << "      access " << Hex(view.desiredAccess) << "\n";
+        break;
+    case SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES:
+        out << "      room for a name of " << view.replyNameCapacity << " bytes\n";
+        break;
+    case SERVICE_REQUEST_OBJECT_CHANGED:
+        out << "      attributes only: " << YesNo(view.attributesOnly) << "\n";
+        break;
+    default:
+        break;
     }
 }
 

@@ -2,7 +2,9 @@
 // threads make every call of the service library, so that the filter sees the service's process
 // and reads what it is sent from the service's memory. The service holds no content: it answers
 // each request of the filter with the request's reply, success and no field set (EncodeReply with
-// an empty ReplyContent), so that nothing waits on it.
+// an empty ReplyContent), so that nothing waits on it. An exclusion query is the one it decides:
+// a path at or below one of its excluded folders is excluded (status 0), any other is not
+// (STATUS_OBJECT_NAME_NOT_FOUND).
 //
 //     ... mount C:, load FolderMerge ...
 //     SimulatedService service;
@@ -22,6 +24,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace foldermerge::service {
 
@@ -32,11 +35,17 @@ inline constexpr char16_t kDemoBobSid[] = u"S-1-5-21-1004336348-1177238915-68200
 // processes whose opens are left alone.
 Configuration DemoConfiguration();
 
+// The folders the demonstration service excludes from the merge, as device paths: alice's Cache
+// folder.
+std::vector<std::u16string> DemoExcludedFolders();
+
 struct SimulatedServiceOptions {
     std::u16string imageFileName = u"\\Device\\HarddiskVolume2\\Program Files\\Velmora\\VelmoraService.exe";
     // Local System: the port's default security descriptor admits it.
     std::u16string userSid = u"S-1-5-18";
     Configuration configuration = DemoConfiguration();
+    // Device paths (\Device\HarddiskVolume2\...), compared without regard to ASCII case.
+    std::vector<std::u16string> excludedFolders = DemoExcludedFolders();
     unsigned workers = 2;
 };
 

@@ -10,6 +10,7 @@
 //       path   \Device\HarddiskVolume2\Data\report.txt
 //       local file: attributes 0x20, 17 bytes, written at 132223104000000000
 //       marker stream: present
+//       open: options 0x1000040, share 0x1, access 0x120089
 #pragma once
 
 #include <foldermerge/service/responder.hpp>
@@ -18,8 +19,9 @@
 
 namespace foldermerge::service {
 
-// Prints recorded's code, name, lengths and process, then each field its code carries; bytes that
-// were no request print as one line with the decoder's reason.
+// Prints recorded's code, name, lengths and process, then each field its code carries (the
+// information block in short); bytes that were no request print as one line with the decoder's
+// reason.
 void PrintRequest(std::ostream& out, const RecordedRequest& recorded);
 
 }  // namespace foldermerge::service
