@@ -58,6 +58,8 @@ struct Node {
     std::map<std::u16string, std::shared_ptr<Link>> shortEntries;  // directory: upcased short name
     std::vector<Link*> links;  // the names of this node; empty for the root and for a deleted node
     ULONG handleCount = 0;     // opens of any stream of this node not yet cleaned up
+    ULONG reparseTag = 0;      // a reparse point (FILE_ATTRIBUTE_REPARSE_POINT): its tag, 0 for none
+    std::vector<UCHAR> reparseData;  // what follows the reparse buffer's header
 };
 
 struct Link : std::enable_shared_from_this<Link> {
@@ -77,6 +79,7 @@ struct Features {
     bool namedStreams = true;
     bool hardLinks = true;
     bool shortNames = true;
+    bool reparsePoints = true;
     bool readOnly = false;
 };
 
@@ -103,6 +106,7 @@ class MemoryOpen final : public VolumeOpen {
 public:
     ~MemoryOpen() override;
     bool IsDirectory() const override { return !volumeOpen && node && node->directory && !namedStream; }
+    RecordedShareAccess ShareAccess() const override { return recordedShareAccess; }
 
     std::shared_ptr<MemoryVolumeImpl> volume;
     bool volumeOpen = false;      // an open of the volume itself (empty path)
@@ -113,7 +117,8 @@ public:
     ACCESS_MASK access = 0;
     ULONG shareAccess = 0;
     ULONG createOptions = 0;
-    bool shareRecorded = false;
+    bool shareRecorded = false;   // counted in the stream's share access until cleanup
+    RecordedShareAccess recordedShareAccess;
     bool cleanedUp = false;
     bool deleteOnClose = false;   // FILE_DELETE_ON_CLOSE or a disposition with FILE_DISPOSITION_ON_CLOSE
     bool posixDelete = false;     // this handle's cleanup removes the name at once
@@ -129,7 +134,8 @@ public:
     ULONG DeviceType() const override { return features_.deviceType; }
     ULONG FileSystemType() const override { return features_.fileSystemType; }
     NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                    ULONG_PTR* information, std::u16string* finalComponent) override;
+                    ULONG_PTR* information, std::u16string* finalComponent,
+                    std::vector<UCHAR>* reparseBuffer) override;
     NTSTATUS Read(VolumeOpen& open, LONGLONG offset, ULONG length, void* buffer, ULONG* bytesRead) override;
     NTSTATUS Write(VolumeOpen& open, LONGLONG offset, ULONG length, const void* buffer,
                    ULONG* bytesWritten) override;
@@ -153,6 +159,8 @@ public:
     void SeedShortName(std::u16string_view path, std::u16string_view shortName) override;
     void SeedBasicInformation(std::u16string_view path, const FILE_BASIC_INFORMATION& basic) override;
     void SeedRemove(std::u16string_view path) override;
+    void SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data) override;
+    void SeedJunction(std::u16string_view path, std::u16string_view target) override;
     bool Exists(std::u16string_view path) const override;
     bool IsDirectoryPath(std::u16string_view path) const override;
     std::optional<std::string> Content(std::u16string_view path) const override;
@@ -193,7 +201,10 @@ private:
     bool HasHandlesBelow(const Node& directory) const;
 
     NTSTATUS CreateLocked(const VolumeCreateParameters& parameters, std::unique_ptr<MemoryOpen>* open,
-                          ULONG_PTR* information, std::u16string* finalComponent);
+                          ULONG_PTR* information, std::u16string* finalComponent,
+                          std::vector<UCHAR>* reparseBuffer);
+    NTSTATUS ReparseOnTheWay(const VolumeCreateParameters& parameters, const ParsedPath& parsed,
+                             ULONG_PTR* information, std::vector<UCHAR>* reparseBuffer) const;
     NTSTATUS OpenExisting(const VolumeCreateParameters& parameters, const ParsedPath& parsed, Target& target,
                           MemoryOpen& open, ULONG_PTR* information);
     NTSTATUS CreateNew(const VolumeCreateParameters& parameters, const ParsedPath& parsed, Target& target,

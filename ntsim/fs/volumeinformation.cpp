@@ -216,6 +216,7 @@ NTSTATUS MemoryVolumeImpl::QueryInformation(VolumeOpen& open, FILE_INFORMATION_C
     case FileAttributeTagInformation: {
         FILE_ATTRIBUTE_TAG_INFORMATION tag{};
         tag.FileAttributes = basic.FileAttributes;
+        tag.ReparseTag = node.reparseTag;
         return PutRecord(tag, buffer, length, returned);
     }
     case FileNameInformation:

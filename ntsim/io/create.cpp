@@ -81,6 +81,62 @@ std::u16string ParentPath(const std::u16string& path)
     return path.substr(0, slash);
 }
 
+// The file system's IoSetShareAccess leaves what it recorded for the open in the file object,
+// where filters read it from the post-create on.
+void SetShareAccessFlags(FILE_OBJECT& fileObject, const RecordedShareAccess& recorded)
+{
+    fileObject.ReadAccess = recorded.readAccess;
+    fileObject.WriteAccess = recorded.writeAccess;
+    fileObject.DeleteAccess = recorded.deleteAccess;
+    fileObject.SharedRead = recorded.sharedRead;
+    fileObject.SharedWrite = recorded.sharedWrite;
+    fileObject.SharedDelete = recorded.sharedDelete;
+}
+
+// The name a create answered with STATUS_REPARSE goes on with, parsed from the root: for
+// IO_REPARSE the name a filter put in the file object; for a junction its substitute name and
+// what followed the junction in the opened name. STATUS_REPARSE, or why the open fails instead:
+// a tag nobody handled, or reparse data that does not hold together.
+NTSTATUS NameAfterReparse(const FILE_OBJECT& fileObject, ULONG_PTR tag, const FLT_TAG_DATA_BUFFER* tagData,
+                          std::u16string* name)
+{
+    const std::u16string_view opened = View(fileObject.FileName);
+    if (tag == IO_REPARSE) {
+        *name = std::u16string(opened);
+        return STATUS_REPARSE;
+    }
+    if (tag == IO_REPARSE_TAG_SYMLINK) {
+        return verifier::NotImplemented("the re-parse of a create at a symbolic link");
+    }
+    if (tag != IO_REPARSE_TAG_MOUNT_POINT) {
+        return STATUS_IO_REPARSE_TAG_NOT_HANDLED;
+    }
+    if (tagData == nullptr || tagData->FileTag != tag) {
+        return STATUS_IO_REPARSE_DATA_INVALID;
+    }
+    const auto& mountPoint = tagData->MountPointReparseBuffer;
+    const size_t namesStart = FIELD_OFFSET(FLT_TAG_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) -
+                              FIELD_OFFSET(FLT_TAG_DATA_BUFFER, MountPointReparseBuffer);
+    const size_t substituteEnd =
+        namesStart + size_t{mountPoint.SubstituteNameOffset} + size_t{mountPoint.SubstituteNameLength};
+    const size_t unparsed = tagData->UnparsedNameLength / sizeof(WCHAR);
+    if (substituteEnd > tagData->TagDataLength || mountPoint.SubstituteNameLength == 0 ||
+        (mountPoint.SubstituteNameOffset | mountPoint.SubstituteNameLength | tagData->UnparsedNameLength) % 2 != 0 ||
+        unparsed > opened.size()) {
+        return STATUS_IO_REPARSE_DATA_INVALID;
+    }
+    std::u16string substitute(mountPoint.SubstituteNameLength / sizeof(WCHAR), u'\0');
+    std::memcpy(substitute.data(),
+                reinterpret_cast<const UCHAR*>(mountPoint.PathBuffer) + mountPoint.SubstituteNameOffset,
+                mountPoint.SubstituteNameLength);
+    std::u16string_view rest = opened.substr(opened.size() - unparsed);
+    if (substitute.back() == u'\\' && !rest.empty() && rest.front() == u'\\') {
+        rest.remove_prefix(1);
+    }
+    *name = substitute + std::u16string(rest);
+    return STATUS_REPARSE;
+}
+
 void ReplaceFileName(FILE_OBJECT& fileObject, std::u16string_view name)
 {
     const size_t bytes = name.size() * sizeof(WCHAR);
@@ -210,6 +266,8 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
             }
             return STATUS_INSUFFICIENT_RESOURCES;
         }
+        // The file object is an object from here on: filters may reference it during the create.
+        RegisterFileObject(record);
         FILE_OBJECT& fileObject = record->fileObject;
         fileObject.Flags = FileObjectFlagsFor(options, attributes->Attributes, related == nullptr && fileName.empty());
 
@@ -248,8 +306,10 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
         create.EaBuffer = request.eaBuffer;
         create.AllocationSize.QuadPart = request.allocationSize != nullptr ? request.allocationSize->QuadPart : 0;
 
+        std::vector<UCHAR> reparseBuffer;  // a reparse point the file system answered with
         Dispatch(*volume, request.below.get(), frame,
                  [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& parameters) {
+                     record->createStage = CreateStage::AfterFileSystem;
                      const auto& params = parameters.Parameters.Create;
                      VolumeCreateParameters volumeParameters;
                      NTSTATUS status = PathForFileSystem(*parameters.TargetFileObject, &volumeParameters.path);
@@ -269,8 +329,13 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
                      std::unique_ptr<VolumeOpen> open;
                      ULONG_PTR information = 0;
                      std::u16string finalComponent;
-                     status = volume->volume->Create(volumeParameters, &open, &information, &finalComponent);
+                     status = volume->volume->Create(volumeParameters, &open, &information, &finalComponent,
+                                                     &reparseBuffer);
+                     if (status == STATUS_REPARSE && !reparseBuffer.empty()) {
+                         data.TagData = reinterpret_cast<PFLT_TAG_DATA_BUFFER>(reparseBuffer.data());
+                     }
                      if (NT_SUCCESS(status) && open != nullptr) {
+                         SetShareAccessFlags(*parameters.TargetFileObject, open->ShareAccess());
                          record->open = std::move(open);
                          record->volumePath = volumeParameters.path;
                          if ((parameters.OperationFlags & SL_OPEN_TARGET_DIRECTORY) != 0) {
@@ -282,19 +347,19 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
                      data.IoStatus.Information = information;
                  });
         SeReleaseSubjectContext(&accessState.SubjectSecurityContext);
+        record->createStage = CreateStage::Finished;
 
         const NTSTATUS status = frame.data.IoStatus.Status;
         const ULONG_PTR information = frame.data.IoStatus.Information;
         if (!NT_SUCCESS(status) || status == STATUS_REPARSE) {
-            if (record->open != nullptr) {
-                // Opened below, then failed on the way up: the file system's open is undone.
-                volume->volume->Cleanup(*record->open);
+            NTSTATUS final = status;
+            if (status == STATUS_REPARSE) {
+                final = NameAfterReparse(fileObject, information, frame.data.TagData, &name);
             }
-            const bool reparse = status == STATUS_REPARSE && information == IO_REPARSE;
-            if (reparse) {
-                name = std::u16string(View(fileObject.FileName));
-            }
-            FreeFileObject(record);
+            const bool reparse = final == STATUS_REPARSE;
+            // The creator's reference goes; an open that a post-create cancelled gets its close when
+            // the last one goes (a filter may still hold one).
+            DereferenceFile(record);
             if (reparse && reparses < kMaximumReparses) {
                 // The new name is parsed from the root of the namespace again.
                 if (related != nullptr) {
@@ -306,33 +371,22 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
             if (related != nullptr) {
                 DereferenceFile(related);
             }
-            const NTSTATUS final = reparse ? STATUS_REPARSE_POINT_NOT_RESOLVED
-                                           : (status == STATUS_REPARSE ? STATUS_NOT_IMPLEMENTED : status);
-            if (status == STATUS_REPARSE && !reparse) {
-                verifier::NotImplemented("a create completed with STATUS_REPARSE and a tag other than IO_REPARSE");
+            if (reparse) {
+                final = STATUS_REPARSE_POINT_NOT_RESOLVED;
             }
             if (ioStatus != nullptr) {
                 ioStatus->Status = final;
-                ioStatus->Information = reparse ? 0 : information;
+                ioStatus->Information = status == STATUS_REPARSE ? 0 : information;
             }
             return final;
         }
 
         record->grantedAccess = access;
         record->createOptions = options;
-        fileObject.ReadAccess = (access & (FILE_READ_DATA | FILE_EXECUTE)) != 0;
-        fileObject.WriteAccess = (access & (FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0;
-        fileObject.DeleteAccess = (access & DELETE) != 0;
-        if (!ignoreShareAccess) {
-            fileObject.SharedRead = (request.shareAccess & FILE_SHARE_READ) != 0;
-            fileObject.SharedWrite = (request.shareAccess & FILE_SHARE_WRITE) != 0;
-            fileObject.SharedDelete = (request.shareAccess & FILE_SHARE_DELETE) != 0;
-        }
         if ((options & FILE_DELETE_ON_CLOSE) != 0) {
             fileObject.Flags |= FO_DELETE_ON_CLOSE;
         }
         fileObject.Flags |= FO_FILE_OPEN;
-        RegisterFileObject(record);
         if (related != nullptr) {
             DereferenceFile(related);
         }
@@ -480,10 +534,11 @@ NTSTATUS NetworkQueryOpen(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttribu
                 volumeParameters.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
                 volumeParameters.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
                 volumeParameters.disposition = FILE_OPEN;
-                status = volume->volume->Create(volumeParameters, &open, &createInformation, &finalComponent);
+                status = volume->volume->Create(volumeParameters, &open, &createInformation, &finalComponent,
+                                                nullptr);
             }
             ULONG returned = 0;
-            if (NT_SUCCESS(status)) {
+            if (NT_SUCCESS(status) && open != nullptr) {  // STATUS_REPARSE opens nothing
                 status = volume->volume->QueryInformation(*open, FileNetworkOpenInformation,
                                                           parameters.Parameters.NetworkQueryOpen.NetworkInformation,
                                                           sizeof(FILE_NETWORK_OPEN_INFORMATION), &returned);
@@ -503,10 +558,11 @@ NTSTATUS QueryFullAttributesAs(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAt
     verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryFullAttributesFile");
     ScopedPreviousMode previousMode(mode);
     NTSTATUS status = NetworkQueryOpen(mode, ObjectAttributes, FileInformation, true);
-    if (status != STATUS_FLT_DISALLOW_FAST_IO) {
+    if (status != STATUS_FLT_DISALLOW_FAST_IO && status != STATUS_REPARSE) {
         return status;
     }
-    // The fast path was refused: an ordinary open, a query and a close, each through the stack.
+    // The fast path was refused, or met a reparse point that only a create follows: an ordinary
+    // open, a query and a close, each through the stack.
     CreateRequest request;
     request.objectAttributes = ObjectAttributes;
     request.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;

@@ -2,8 +2,9 @@
 //
 // Pre-operation callbacks run from the highest altitude down. What each returns decides:
 //   SUCCESS_WITH_CALLBACK, SYNCHRONIZE  go on down; this instance's post-callback runs later with
-//                                       the completion context (everything is synchronous, so the
-//                                       two are the same here)
+//                                       the completion context (everything is synchronous: the two
+//                                       differ only in where the post-callback may run, see
+//                                       fltcompletion.cpp)
 //   SUCCESS_NO_CALLBACK                 go on down; no post-callback
 //   COMPLETE                            the operation ends with the IoStatus the filter set: nothing
 //                                       below runs and this instance's post-callback is not called
@@ -37,6 +38,7 @@ namespace {
 struct PendingPost {
     std::shared_ptr<_FLT_INSTANCE> instance;
     PVOID context;
+    bool synchronized;  // the pre-callback returned FLT_PREOP_SYNCHRONIZE
 };
 
 bool SkippedByRegistration(const _FLT_INSTANCE& instance, const FLT_CALLBACK_DATA& data)
@@ -71,16 +73,18 @@ void RunPostCallbacks(_FLT_VOLUME& volume, CallbackFrame& frame, std::vector<Pen
         frame.iopb.TargetInstance = &instance;
         const FLT_RELATED_OBJECTS objects{sizeof(FLT_RELATED_OBJECTS), 0, instance.filter.get(), &volume, &instance,
                                           frame.iopb.TargetFileObject, nullptr};
-        FLT_POSTOP_CALLBACK_STATUS status;
-        {
-            verifier::CallbackScope scope("post-operation callback");
-            status = instance.post[frame.iopb.MajorFunction](&data, &objects, post->context, 0);
+        const NTSTATUS statusBefore = data.IoStatus.Status;
+        const FLT_POSTOP_CALLBACK_STATUS status = CallPostOperationCallback(
+            instance.post[frame.iopb.MajorFunction], data, objects, post->context, post->synchronized);
+        if (frame.iopb.MajorFunction == IRP_MJ_CREATE) {
+            CheckPostCreateResult(RecordOf(frame.iopb.TargetFileObject), post->instance, data, statusBefore);
         }
         if (status != FLT_POSTOP_FINISHED_PROCESSING) {
             verifier::BugCheck(rules::kInvalidPostopStatus,
                                CallbackName(instance, "post-operation", frame.iopb.MajorFunction) + " returned " +
                                    std::to_string(status) +
-                                   " (only FLT_POSTOP_FINISHED_PROCESSING is supported: all I/O is synchronous)");
+                                   " (only FLT_POSTOP_FINISHED_PROCESSING is supported, or "
+                                   "FLT_POSTOP_MORE_PROCESSING_REQUIRED from FltDoCompletionProcessingWhenSafe)");
         }
     }
     data.Flags &= ~FLTFL_CALLBACK_DATA_POST_OPERATION;
@@ -117,7 +121,7 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
         case FLT_PREOP_SUCCESS_WITH_CALLBACK:
         case FLT_PREOP_SYNCHRONIZE:
             if (hasPost) {
-                posts.push_back({instance, context});
+                posts.push_back({instance, context, status == FLT_PREOP_SYNCHRONIZE});
             } else if (context != nullptr) {
                 verifier::BugCheck(rules::kContextWithoutPostCallback,
                                    CallbackName(*instance, "pre-operation", major) +

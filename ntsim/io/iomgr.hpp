@@ -75,6 +75,13 @@ inline constexpr std::string_view kBadObject = "FLT_BAD_OBJECT";
 inline constexpr std::string_view kFilterNotUnregistered = "FLT_FILTER_NOT_UNREGISTERED";
 inline constexpr std::string_view kFileObjectReused = "IO_FILE_OBJECT_USED_AFTER_CLOSE";
 inline constexpr std::string_view kNameInformationLeak = "FLT_NAME_INFORMATION_LEAK";
+// A post-create turned an open that the file system made into a failure without FltCancelFileOpen.
+inline constexpr std::string_view kOpenFailedWithoutCancel = "FLT_OPEN_FAILED_WITHOUT_CANCEL";
+// A post-create left a success status on an open that was cancelled.
+inline constexpr std::string_view kCancelledOpenNotFailed = "FLT_CANCELLED_OPEN_NOT_FAILED";
+// FltCancelFileOpen outside the post-create of an open the file system made, after a handle was
+// made, or twice.
+inline constexpr std::string_view kInvalidCancelOfFileOpen = "INVALID_CANCEL_OF_FILE_OPEN";
 }  // namespace rules
 
 // A pool tag whose bytes in memory read as text.
@@ -124,6 +131,13 @@ void TeardownInstance(const std::shared_ptr<_FLT_INSTANCE>& instance, FLT_INSTAN
 
 // ---- file objects ----
 
+// How far the create of a file object has come.
+enum class CreateStage {
+    BeforeFileSystem,  // pre-create callbacks run; nothing below has answered yet
+    AfterFileSystem,   // the file system (or a filter in its place) answered; post-create callbacks run
+    Finished,          // the create returned to its caller
+};
+
 // The record behind every FILE_OBJECT the I/O manager makes. The FILE_OBJECT comes first, so a
 // PFILE_OBJECT is the record's address.
 struct FileObjectRecord {
@@ -132,7 +146,11 @@ struct FileObjectRecord {
     std::shared_ptr<_FLT_VOLUME> volume;
     std::unique_ptr<VolumeOpen> open;     // null until the file system opened it
     std::u16string volumePath;            // the open's path on the volume ("\dir\file")
-    std::shared_ptr<_FLT_INSTANCE> below; // opened by FltCreateFileEx at this instance, or null
+    // Cleanup and close go only below this instance: the one FltCreateFileEx opened at, or the one
+    // that cancelled the open. Null: through every instance.
+    std::shared_ptr<_FLT_INSTANCE> below;
+    CreateStage createStage = CreateStage::BeforeFileSystem;
+    bool openCancelled = false;           // FltCancelFileOpen (or the verifier in its place) ran
     ACCESS_MASK grantedAccess = 0;
     ULONG createOptions = 0;
     bool stackObject = false;             // lives only for one call (network query open)
@@ -150,9 +168,11 @@ FileObjectRecord* RecordOf(PFILE_OBJECT fileObject);
 // Makes a file object for an open of volume; the FileName buffer is allocated here.
 FileObjectRecord* AllocateFileObject(const std::shared_ptr<_FLT_VOLUME>& volume, std::u16string_view fileName,
                                       PFILE_OBJECT related);
-// Frees a file object whose create did not succeed (no cleanup, no close) or a stack file object.
+// Frees a stack file object (the network query open's), which the object manager never knew.
 void FreeFileObject(FileObjectRecord* record);
-// Makes an opened file object known to the object manager, with one reference (the caller's).
+// Makes a file object known to the object manager before its create is sent, with one reference
+// (the creator's). Its last reference frees it, with cleanup and close first if the file system
+// opened it.
 void RegisterFileObject(FileObjectRecord* record);
 // Opens a handle to a registered file object (the handle takes its own reference).
 NTSTATUS InsertFileHandle(FileObjectRecord* record, ULONG attributes, ACCESS_MASK grantedAccess,
@@ -204,6 +224,25 @@ using FileSystemRoutine = std::function<void(FLT_CALLBACK_DATA& data, const FLT_
 // system, and the post-callbacks from the lowest up. The frame's Iopb must be filled in.
 DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, CallbackFrame& frame,
                         const FileSystemRoutine& fileSystem);
+
+// Calls one post-operation callback in the context the Filter Manager would give it (see
+// PostOperationContext): synchronized is whether its pre-callback returned FLT_PREOP_SYNCHRONIZE.
+// When the callback handed its work to FltDoCompletionProcessingWhenSafe, waits for that work and
+// returns what it returned.
+FLT_POSTOP_CALLBACK_STATUS CallPostOperationCallback(PFLT_POST_OPERATION_CALLBACK callback, FLT_CALLBACK_DATA& data,
+                                                     const FLT_RELATED_OBJECTS& objects, PVOID context,
+                                                     bool synchronized);
+
+// ---- the cancel of an open ----
+
+// Sends the cleanup of an open that the file system made to the layers below instance, which
+// take its close as well when the file object's last reference goes.
+void CancelOpen(FileObjectRecord* record, const std::shared_ptr<_FLT_INSTANCE>& instance);
+// After each post-create callback: a successful open turned into a failure must have been
+// cancelled, and a cancelled one must have failed (verifier rules; the open is then cancelled, or
+// failed, in the callback's place). statusBefore is what the callback received.
+void CheckPostCreateResult(FileObjectRecord* record, const std::shared_ptr<_FLT_INSTANCE>& instance,
+                           FLT_CALLBACK_DATA& data, NTSTATUS statusBefore);
 
 // ---- operations on an open file object ----
 

@@ -94,6 +94,9 @@ public:
     }
 
     bool IsDirectory() const override { return directory_; }
+    // The redirector keeps share access for its client opens as the server's file system did for
+    // the server's open, which carries the client's access and sharing.
+    RecordedShareAccess ShareAccess() const override { return shareAccess_; }
 
     Session& session() { return *session_; }
 
@@ -135,6 +138,9 @@ public:
         local_ = record;
         handle_ = handle;
         directory_ = record->open != nullptr && record->open->IsDirectory();
+        if (record->open != nullptr) {
+            shareAccess_ = record->open->ShareAccess();
+        }
         return status;
     }
 
@@ -175,6 +181,7 @@ private:
     iomgr::FileObjectRecord* local_ = nullptr;  // referenced until closed
     HANDLE handle_ = nullptr;                   // the server's kernel handle
     bool directory_ = false;
+    RecordedShareAccess shareAccess_;
     std::u16string nameAtClose_;
 };
 
@@ -235,8 +242,9 @@ public:
     ULONG DeviceType() const override { return FILE_DEVICE_NETWORK_FILE_SYSTEM; }
     ULONG FileSystemType() const override { return FLT_FSTYPE_MUP; }
 
+    // The server's open follows the local volume's reparse points itself: the client never sees one.
     NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                    ULONG_PTR* information, std::u16string* finalComponent) override
+                    ULONG_PTR* information, std::u16string* finalComponent, std::vector<UCHAR>*) override
     {
         UncPath unc;
         if (!SplitUncPath(parameters.path, &unc)) {

@@ -5,8 +5,6 @@
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/verifier.hpp>
 
-#include <cstring>
-
 namespace iotest {
 namespace {
 
@@ -196,23 +194,6 @@ TEST_F(DispatchTest, NetworkQueryOpenFallsBackToAnOrdinaryOpenWhenTheFastPathIsR
         EXPECT_EQ(MajorsSeenBy('A'), expected) << "refused " << refused;
         EXPECT_EQ(EventsOf(IRP_MJ_NETWORK_QUERY_OPEN).front().fileName, "\\query.txt");
     }
-}
-
-// Replaces the create's name by the target and completes with STATUS_REPARSE, as a filter that
-// redirects does; the buffer handed over is untagged pool the I/O manager frees.
-void Redirect(PFLT_CALLBACK_DATA data, std::u16string_view target)
-{
-    PFILE_OBJECT fileObject = data->Iopb->TargetFileObject;
-    const USHORT bytes = static_cast<USHORT>(target.size() * sizeof(WCHAR));
-    auto* buffer = static_cast<PWCH>(ExAllocatePool(NonPagedPoolNx, bytes));
-    ASSERT_NE(buffer, nullptr);
-    std::memcpy(buffer, target.data(), bytes);
-    ExFreePoolWithTag(fileObject->FileName.Buffer, 0);
-    fileObject->FileName.Buffer = buffer;
-    fileObject->FileName.Length = bytes;
-    fileObject->FileName.MaximumLength = bytes;
-    data->IoStatus.Status = STATUS_REPARSE;
-    data->IoStatus.Information = IO_REPARSE;
 }
 
 TEST_F(DispatchTest, CreateCompletedWithReparseIsParsedAgainFromTheRootUnderTheNewName)

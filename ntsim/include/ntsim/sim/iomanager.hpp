@@ -66,6 +66,38 @@ NTSTATUS DetachFilter(std::u16string_view filterName, std::u16string_view device
 // Names of the loaded filters, highest altitude first.
 std::vector<std::u16string> LoadedFilters();
 
+// ---- where post-operation callbacks run ----
+
+// On Windows a post-operation callback runs where the operation completes: at any IRQL up to
+// DISPATCH_LEVEL, in an arbitrary thread. ntsim completes every operation in the thread that issued
+// it, at its IRQL, unless told otherwise; the other settings run the post-operation callbacks that
+// Windows may run that way in such a context, so that the verifier catches work done there that
+// Windows forbids (paged pool, waits, name queries, FltSendMessage). Whatever the setting, a
+// post-create runs at PASSIVE_LEVEL in the thread of the open, a post-callback whose pre-callback
+// returned FLT_PREOP_SYNCHRONIZE in the issuing thread, and the post-callbacks of fast I/O and of
+// file-system filter operations in the issuing thread (the fast path never leaves it); and
+// FltDoCompletionProcessingWhenSafe moves a post-callback's work to a thread at PASSIVE_LEVEL.
+enum class PostOperationContext {
+    IssuingThread,    // the thread of the operation, at its IRQL (the default)
+    DispatchLevel,    // the thread of the operation, raised to DISPATCH_LEVEL
+    ArbitraryThread,  // a system thread of its own, at DISPATCH_LEVEL
+};
+
+void SetPostOperationContext(PostOperationContext context);
+PostOperationContext GetPostOperationContext();
+
+// Sets the context for the object's life.
+class ScopedPostOperationContext {
+public:
+    explicit ScopedPostOperationContext(PostOperationContext context);
+    ~ScopedPostOperationContext();
+    ScopedPostOperationContext(const ScopedPostOperationContext&) = delete;
+    ScopedPostOperationContext& operator=(const ScopedPostOperationContext&) = delete;
+
+private:
+    PostOperationContext saved_;
+};
+
 // ---- I/O that tests issue on a file object ----
 
 // Takes a reference on the file object behind a file handle (as ObReferenceObjectByHandle with
@@ -102,8 +134,8 @@ NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS in
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
 
 // IRP_MJ_NETWORK_QUERY_OPEN for a path, as fast I/O (fastIo) or as an IRP. The file object lives
-// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here (the
-// fallback to an ordinary open is NtQueryFullAttributesFile's).
+// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here, and a reparse
+// point on the way STATUS_REPARSE (the fallback to an ordinary open is NtQueryFullAttributesFile's).
 NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
                             bool fastIo);
 

@@ -9,9 +9,10 @@
 // directory entries in upcased order), directories, named streams, the four times from ntsim's
 // clock, attributes, allocation in 4096-byte clusters, stable file ids, hard links, 8.3 short names
 // generated as NAME~1.EXT (the numbered form only, unique in the directory; a name that is already
-// 8.3 has none), share access per stream, delete pending and delete on close.
+// 8.3 has none), share access per stream, delete pending and delete on close, and reparse points
+// (junctions and any other tag) that answer a create with STATUS_REPARSE.
 //
-// The FAT volume is the same model without named streams and hard links (a stream path is an
+// The FAT volume is the same model without named streams, hard links and reparse points (a stream path is an
 // invalid name; FileStreamInformation and FileLinkInformation are refused), directory entries
 // still in upcased order rather than in the order they were made, and times kept to 100 ns rather
 // than FAT's granularity. The CD-ROM volume is that FAT model made read-only (2048-byte sectors):
@@ -53,6 +54,13 @@ public:
     virtual void SeedBasicInformation(std::u16string_view path, const FILE_BASIC_INFORMATION& basic) = 0;
     // Removes a name (with everything below a directory) or a named stream, open or not.
     virtual void SeedRemove(std::u16string_view path) = 0;
+    // Makes an existing file or directory a reparse point (NTFS only): its tag and the data that
+    // follows the reparse buffer's header. An open that meets it on its way, or at its end without
+    // FILE_OPEN_REPARSE_POINT, is answered with STATUS_REPARSE and the reparse buffer.
+    virtual void SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data) = 0;
+    // A junction: an empty directory (made if missing) with a mount point reparse point whose
+    // substitute name is target ("\??\C:\elsewhere") and whose print name is target without "\??".
+    virtual void SeedJunction(std::u16string_view path, std::u16string_view target) = 0;
 
     // ---- inspection (short names are accepted in paths) ----
     // A file, directory or (with a stream part) named stream exists.

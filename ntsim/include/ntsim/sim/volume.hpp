@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace ntsim {
 
@@ -32,6 +33,19 @@ struct VolumeCreateParameters {
     bool ignoreShareAccess = false;  // IO_IGNORE_SHARE_ACCESS_CHECK: no check, nothing recorded
 };
 
+// What IoCheckShareAccess and IoSetShareAccess leave in the FILE_OBJECT of an open: the access
+// flags of an open that takes part in share access (read, write or delete access) and the sharing it
+// granted. An open that takes no part, or that skipped the check (IO_IGNORE_SHARE_ACCESS_CHECK),
+// records nothing: every flag is false.
+struct RecordedShareAccess {
+    bool readAccess = false;
+    bool writeAccess = false;
+    bool deleteAccess = false;
+    bool sharedRead = false;
+    bool sharedWrite = false;
+    bool sharedDelete = false;
+};
+
 // One open of one stream, as the file system keeps it. Opaque to the I/O manager. Destroying an open
 // is its close (the last reference); an open destroyed without Cleanup is cleaned up first, so share
 // access and delete dispositions are never left behind. Cleanup runs once; a second call does nothing.
@@ -40,6 +54,8 @@ class VolumeOpen {
 public:
     virtual ~VolumeOpen() = default;
     virtual bool IsDirectory() const = 0;
+    // The share access this open recorded when it was made (cleanup does not change the answer).
+    virtual RecordedShareAccess ShareAccess() const = 0;
 };
 
 class Volume {
@@ -53,6 +69,9 @@ public:
 
     // Opens or creates. On success *open is set and *information holds FILE_OPENED, FILE_CREATED, ...
     // (on failure too where Windows reports one, such as FILE_DOES_NOT_EXIST for a target-directory open).
+    // A reparse point on the way (or at the end, unless FILE_OPEN_REPARSE_POINT opens it itself)
+    // answers STATUS_REPARSE with no open: *information is its tag and *reparseBuffer (if given)
+    // its REPARSE_DATA_BUFFER, whose Reserved is the length in bytes of the path after it.
     // For SL_OPEN_TARGET_DIRECTORY the open is of the parent and *finalComponent receives the last
     // component, which the I/O manager puts in FILE_OBJECT::FileName.
     // An empty path opens the volume itself (FILE_OPEN or FILE_OPEN_IF only): an open on which
@@ -62,7 +81,8 @@ public:
     // FILE_NON_DIRECTORY_FILE, or with a disposition other than CREATE/OPEN/OPEN_IF, and
     // FILE_DELETE_ON_CLOSE without DELETE access give STATUS_INVALID_PARAMETER).
     virtual NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                            ULONG_PTR* information, std::u16string* finalComponent) = 0;
+                            ULONG_PTR* information, std::u16string* finalComponent,
+                            std::vector<UCHAR>* reparseBuffer) = 0;
 
     // Data. offset is explicit (the I/O manager resolves the current position); a read at or past the
     // end gives STATUS_END_OF_FILE. A write past the end extends the stream; times are updated.
