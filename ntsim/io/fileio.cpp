@@ -90,6 +90,30 @@ NTSTATUS WriteToVolume(FileObjectRecord* record, const FLT_IO_PARAMETER_BLOCK& p
     return status;
 }
 
+// The fast read and write paths of the file systems find fast I/O questionable and ask the top of
+// the stack before they copy, as FsRtlCopyRead and FsRtlCopyWrite do: IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE
+// through every filter below `below`, then the file system's own answer, which is yes (ntsim's
+// volumes keep no byte-range locks or oplocks). False when a filter refused or failed the check.
+bool FastIoPossible(FileObjectRecord* record, const _FLT_INSTANCE* below, LONGLONG offset, ULONG length, bool read,
+                    KPROCESSOR_MODE mode)
+{
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_FAST_IO_OPERATION, mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE;
+    iopb.TargetFileObject = &record->fileObject;
+    auto& check = iopb.Parameters.FastIoCheckIfPossible;
+    check.FileOffset.QuadPart = offset;
+    check.Length = length;
+    check.LockKey = 0;
+    check.CheckForReadOperation = read;
+    DispatchResult result =
+        Dispatch(*record->volume, below, frame, [](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK&) {
+            data.IoStatus.Status = STATUS_SUCCESS;
+            data.IoStatus.Information = 0;
+        });
+    return result == DispatchResult::Completed && NT_SUCCESS(frame.data.IoStatus.Status);
+}
+
 // One attempt of a read or write: as fast I/O or as an IRP.
 DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fastIo, IO_STATUS_BLOCK* ioStatus)
 {
@@ -117,7 +141,10 @@ DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fas
         Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
             ULONG transferred = 0;
             NTSTATUS status;
-            if (record->open == nullptr || record->closed) {
+            if (fastIo && !FastIoPossible(record, below, offset, request.length, !request.write, frame.data.RequestorMode)) {
+                // The fast path declines; the I/O manager sends the operation as an IRP.
+                status = STATUS_FLT_DISALLOW_FAST_IO;
+            } else if (record->open == nullptr || record->closed) {
                 status = STATUS_FILE_CLOSED;
             } else if (record->cleanedUp && (params.IrpFlags & IRP_PAGING_IO) == 0) {
                 // After cleanup only the cache and memory managers' paging I/O may come.

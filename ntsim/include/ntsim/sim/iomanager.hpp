@@ -80,7 +80,10 @@ struct IoRequest {
     // object, as a caller's would.
     ULONG irpFlags = 0;
     // Try the fast path first (cached I/O only). A filter that answers FLT_PREOP_DISALLOW_FASTIO
-    // refuses it, and the same request comes again as an IRP.
+    // refuses it, and the same request comes again as an IRP. Inside the fast path, before it copies,
+    // the file system asks the stack with IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE (fast I/O, the offset,
+    // length and direction of the request): a filter that refuses the check also sends the request
+    // as an IRP, and the fast attempt's post-callbacks see STATUS_FLT_DISALLOW_FAST_IO.
     bool fastIo = false;
 };
 
