@@ -323,6 +323,7 @@ std::shared_ptr<MemoryVolume> CreateCdfsVolume(std::u16string deviceName)
     features.namedStreams = false;
     features.hardLinks = false;
     features.readOnly = true;
+    features.extendedAttributes = false;
     return std::make_shared<fs::MemoryVolumeImpl>(std::move(deviceName), features);
 }
 

@@ -284,47 +284,40 @@ NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK i
     return frame.data.IoStatus.Status;
 }
 
+// IRP_MJ_QUERY_EA through the stack below the file object's opening instance, with the caller's
+// buffer (Windows has no fast I/O form of it).
 NTSTATUS QueryEaThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
-                             UCHAR flags, PVOID eaList, ULONG eaListLength, ULONG eaIndex, bool tryFastIo,
-                             KPROCESSOR_MODE mode)
+                             UCHAR flags, PVOID eaList, ULONG eaListLength, ULONG eaIndex, KPROCESSOR_MODE mode)
 {
-    IO_STATUS_BLOCK result{};
-    for (bool fastIo : {true, false}) {
-        if (fastIo && !tryFastIo) {
-            continue;
-        }
-        CallbackFrame frame(fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
-        FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
-        iopb.MajorFunction = IRP_MJ_QUERY_EA;
-        iopb.OperationFlags = flags;
-        iopb.IrpFlags = fastIo ? 0 : IRP_SYNCHRONOUS_API;
-        iopb.TargetFileObject = &record->fileObject;
-        auto& query = iopb.Parameters.QueryEa;
-        query.Length = length;
-        query.EaList = eaList;
-        query.EaListLength = eaListLength;
-        query.EaIndex = eaIndex;
-        query.EaBuffer = buffer;
-        DispatchResult dispatched = Dispatch(
-            *record->volume, record->below.get(), frame,
-            [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-                ULONG returned = 0;
-                NTSTATUS status = record->open == nullptr
-                                      ? STATUS_FILE_CLOSED
-                                      : record->volume->volume->QueryEa(*record->open, params.Parameters.QueryEa.EaBuffer,
-                                                                        params.Parameters.QueryEa.Length, &returned);
-                data.IoStatus.Status = status;
-                data.IoStatus.Information = returned;
-            });
-        result = frame.data.IoStatus;
-        if (dispatched == DispatchResult::Completed) {
-            break;
-        }
-    }
-    if (ioStatus != nullptr) {
-        *ioStatus = result;
-    }
-    return result.Status;
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_QUERY_EA;
+    iopb.OperationFlags = flags;
+    iopb.IrpFlags = IRP_SYNCHRONOUS_API;
+    iopb.TargetFileObject = &record->fileObject;
+    auto& query = iopb.Parameters.QueryEa;
+    query.Length = length;
+    query.EaList = eaList;
+    query.EaListLength = eaListLength;
+    query.EaIndex = eaIndex;
+    query.EaBuffer = buffer;
+    Dispatch(*record->volume, record->below.get(), frame,
+             [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+                 const auto& q = params.Parameters.QueryEa;
+                 ULONG returned = 0;
+                 NTSTATUS status = STATUS_FILE_CLOSED;
+                 if (record->open != nullptr) {
+                     const VolumeEaQuery eaQuery{.flags = params.OperationFlags,
+                                                 .eaList = q.EaList,
+                                                 .eaListLength = q.EaListLength,
+                                                 .eaIndex = q.EaIndex};
+                     status = record->volume->volume->QueryEa(*record->open, eaQuery, q.EaBuffer, q.Length, &returned);
+                 }
+                 data.IoStatus.Status = status;
+                 data.IoStatus.Information = returned;
+             });
+    *ioStatus = frame.data.IoStatus;
+    return frame.data.IoStatus.Status;
 }
 
 NTSTATUS FlushBuffersThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, KPROCESSOR_MODE mode)
@@ -567,17 +560,6 @@ NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, con
     return DoReadWrite(rw, nullptr, transferred);
 }
 
-NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned)
-{
-    IO_STATUS_BLOCK ioStatus{};
-    NTSTATUS status = QueryEaThroughStack(RecordOf(fileObject), &ioStatus, buffer, length, 0, nullptr, 0, 0, fastIo,
-                                          ExGetPreviousMode());
-    if (returned != nullptr) {
-        *returned = static_cast<ULONG>(ioStatus.Information);
-    }
-    return status;
-}
-
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned)
 {
@@ -745,10 +727,21 @@ static NTSTATUS QueryEaAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BL
     if (!NT_SUCCESS(file.status())) {
         return file.status();
     }
+    // The caller's list of names is captured and checked before any driver sees it.
+    std::vector<UCHAR> capturedList;
+    if (EaList != nullptr && EaListLength != 0) {
+        capturedList.assign(static_cast<const UCHAR*>(EaList), static_cast<const UCHAR*>(EaList) + EaListLength);
+        ULONG badOffset = 0;
+        if (!ParseEaNameList(capturedList.data(), EaListLength, nullptr, &badOffset)) {
+            SetIoStatus(IoStatusBlock, STATUS_EA_LIST_INCONSISTENT, badOffset);
+            return STATUS_EA_LIST_INCONSISTENT;
+        }
+    }
     UCHAR flags = (ReturnSingleEntry ? SL_RETURN_SINGLE_ENTRY : 0) | (RestartScan ? SL_RESTART_SCAN : 0) |
                   (EaIndex != nullptr ? SL_INDEX_SPECIFIED : 0);
-    return QueryEaThroughStack(file.get(), IoStatusBlock, Buffer, Length, flags, EaList, EaListLength,
-                               EaIndex != nullptr ? *EaIndex : 0, false, mode);
+    return QueryEaThroughStack(file.get(), IoStatusBlock, Buffer, Length, flags,
+                               capturedList.empty() ? nullptr : capturedList.data(),
+                               static_cast<ULONG>(capturedList.size()), EaIndex != nullptr ? *EaIndex : 0, mode);
 }
 
 NTSTATUS NTAPI NtQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,

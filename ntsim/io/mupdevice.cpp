@@ -358,11 +358,20 @@ public:
         });
     }
 
-    NTSTATUS QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned) override
+    NTSTATUS QueryEa(VolumeOpen& open, const VolumeEaQuery& query, void* buffer, ULONG length,
+                     ULONG* returned) override
     {
         *returned = 0;
         return Forward(open, [&](MupOpen& mupOpen) {
-            return IoQueryEaFile(mupOpen.fileObject(), buffer, length, false, returned);
+            IO_STATUS_BLOCK ioStatus{};
+            ULONG index = query.eaIndex;
+            NTSTATUS status = ZwQueryEaFile(mupOpen.handle(), &ioStatus, buffer, length,
+                                            (query.flags & SL_RETURN_SINGLE_ENTRY) != 0,
+                                            const_cast<void*>(query.eaList), query.eaListLength,
+                                            (query.flags & SL_INDEX_SPECIFIED) != 0 ? &index : nullptr,
+                                            (query.flags & SL_RESTART_SCAN) != 0);
+            *returned = static_cast<ULONG>(ioStatus.Information);
+            return status;
         });
     }
 

@@ -94,9 +94,6 @@ NTSTATUS IoReadFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, void
 NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* buffer,
                      const IoRequest& request, ULONG* transferred);
 
-// IRP_MJ_QUERY_EA, optionally tried as fast I/O first.
-NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned);
-
 // IRP_MJ_DIRECTORY_CONTROL / IRP_MN_QUERY_DIRECTORY with any stack flags (SL_RESTART_SCAN,
 // SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null.
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
