@@ -1,6 +1,6 @@
-// Operations on open files: read, write, query information, directory queries, EAs and flushes, as
-// the native API, the Filter Manager's I/O below a filter, and the test-issued forms. Set
-// information is in setinformation.cpp, the cache's write-back in cachemanager.cpp.
+// Operations on open files: read, write, directory queries, EAs and flushes, as the native API, the
+// Filter Manager's I/O below a filter, and the test-issued forms. Query and set information are in
+// queryinformation.cpp and setinformation.cpp, the cache's write-back in cachemanager.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/process.hpp>
@@ -8,7 +8,6 @@
 #include <ntsim/sim/verifier.hpp>
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 namespace ntsim::iomgr {
@@ -223,19 +222,6 @@ NTSTATUS DoReadWrite(const ReadWrite& request, PIO_STATUS_BLOCK ioStatus, ULONG*
     return result.Status;
 }
 
-ACCESS_MASK AccessToQuery(FILE_INFORMATION_CLASS infoClass)
-{
-    switch (infoClass) {
-    case FileBasicInformation:
-    case FileAllInformation:
-    case FileNetworkOpenInformation:
-    case FileAttributeTagInformation:
-        return FILE_READ_ATTRIBUTES;
-    default:
-        return 0;
-    }
-}
-
 NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
                                     FILE_INFORMATION_CLASS infoClass, PCUNICODE_STRING pattern, UCHAR flags,
                                     ULONG fileIndex, KPROCESSOR_MODE mode)
@@ -366,50 +352,6 @@ NTSTATUS SendPagingWrite(FileObjectRecord* record, LONGLONG offset, ULONG length
     request.updatePosition = false;
     request.mode = KernelMode;
     return DoReadWrite(request, nullptr, written);
-}
-
-NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
-                                      ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
-                                      bool generated, ULONG* returned)
-{
-    if (infoClass == FilePositionInformation && (record->fileObject.Flags & FO_SYNCHRONOUS_IO) != 0) {
-        if (length < sizeof(FILE_POSITION_INFORMATION)) {
-            return STATUS_INFO_LENGTH_MISMATCH;
-        }
-        std::lock_guard lock(record->positionMutex);
-        static_cast<PFILE_POSITION_INFORMATION>(buffer)->CurrentByteOffset = record->fileObject.CurrentByteOffset;
-        *returned = sizeof(FILE_POSITION_INFORMATION);
-        return STATUS_SUCCESS;
-    }
-    std::vector<UCHAR> systemBuffer(length);
-    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
-                            (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
-                        mode);
-    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
-    iopb.MajorFunction = IRP_MJ_QUERY_INFORMATION;
-    iopb.IrpFlags = IRP_BUFFERED_IO | IRP_INPUT_OPERATION | IRP_SYNCHRONOUS_API;
-    iopb.TargetFileObject = &record->fileObject;
-    iopb.Parameters.QueryFileInformation.Length = length;
-    iopb.Parameters.QueryFileInformation.FileInformationClass = infoClass;
-    iopb.Parameters.QueryFileInformation.InfoBuffer = systemBuffer.data();
-    Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-        const auto& q = params.Parameters.QueryFileInformation;
-        ULONG filled = 0;
-        NTSTATUS status = record->open == nullptr ? STATUS_FILE_CLOSED
-                                                  : record->volume->volume->QueryInformation(
-                                                        *record->open, q.FileInformationClass, q.InfoBuffer,
-                                                        q.Length, &filled);
-        data.IoStatus.Status = status;
-        data.IoStatus.Information = filled;
-    });
-    const NTSTATUS status = frame.data.IoStatus.Status;
-    ULONG copied = 0;
-    if (!NT_ERROR(status)) {
-        copied = static_cast<ULONG>(std::min<ULONG_PTR>(frame.data.IoStatus.Information, length));
-        std::memcpy(buffer, systemBuffer.data(), copied);
-    }
-    *returned = copied;
-    return status;
 }
 
 }  // namespace ntsim::iomgr
@@ -608,38 +550,6 @@ NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcR
                            ByteOffset);
 }
 
-static NTSTATUS QueryInformationAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
-                                   PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryInformationFile");
-    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ScopedPreviousMode previousMode(mode);
-    HandleReference file(FileHandle, AccessToQuery(FileInformationClass), mode);
-    if (!NT_SUCCESS(file.status())) {
-        return file.status();
-    }
-    ULONG returned = 0;
-    NTSTATUS status = QueryInformationThroughStack(file.get(), nullptr, FileInformation, Length, FileInformationClass,
-                                                   mode, false, &returned);
-    SetIoStatus(IoStatusBlock, status, returned);
-    return status;
-}
-
-NTSTATUS NTAPI NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return QueryInformationAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, FileInformation, Length,
-                              FileInformationClass);
-}
-
-NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return QueryInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
-}
-
 static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                  PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
                                  ULONG Length, FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
@@ -807,27 +717,6 @@ NTSTATUS FLTAPI FltWriteFile(PFLT_INSTANCE InitiatingInstance, PFILE_OBJECT File
     }
     return FltReadWrite(true, InitiatingInstance, FileObject, ByteOffset, Length, Buffer, Flags, BytesWritten,
                         CallbackRoutine);
-}
-
-NTSTATUS FLTAPI FltQueryInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
-                                        ULONG Length, FILE_INFORMATION_CLASS FileInformationClass,
-                                        PULONG LengthReturned)
-{
-    if (auto failure = faults::Check("FltQueryInformationFile")) {
-        return *failure;
-    }
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltQueryInformationFile");
-    auto instance = InstanceOf(Instance);
-    if (instance == nullptr || FileObject == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ULONG returned = 0;
-    NTSTATUS status = QueryInformationThroughStack(RecordOf(FileObject), instance.get(), FileInformation, Length,
-                                                   FileInformationClass, KernelMode, true, &returned);
-    if (LengthReturned != nullptr) {
-        *LengthReturned = returned;
-    }
-    return status;
 }
 
 }  // extern "C"

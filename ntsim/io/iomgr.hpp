@@ -75,6 +75,10 @@ inline constexpr std::string_view kBadObject = "FLT_BAD_OBJECT";
 inline constexpr std::string_view kFilterNotUnregistered = "FLT_FILTER_NOT_UNREGISTERED";
 inline constexpr std::string_view kFileObjectReused = "IO_FILE_OBJECT_USED_AFTER_CLOSE";
 inline constexpr std::string_view kNameInformationLeak = "FLT_NAME_INFORMATION_LEAK";
+// A buffered operation completed with IoStatus.Information beyond the caller's buffer.
+inline constexpr std::string_view kInformationBeyondBuffer = "IO_INFORMATION_BEYOND_BUFFER";
+// A driver referenced the file object of a network query open, which lives on its caller's stack.
+inline constexpr std::string_view kStackFileObjectReferenced = "IO_STACK_FILE_OBJECT_REFERENCED";
 }  // namespace rules
 
 // A pool tag whose bytes in memory read as text.
@@ -191,10 +195,19 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
 
 // IRP_MJ_QUERY_INFORMATION through the stack (below `below`, if given), with a system buffer
 // whose first IoStatus.Information bytes go back to the caller's buffer unless the status is an
-// error.
+// error (queryinformation.cpp).
 NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
                                       ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
                                       bool generated, ULONG* returned);
+// The fast I/O form of a query of basic, standard or network-open information: the caller's buffer,
+// Length the record's size. FastIoRefused when a filter or the file system declined it.
+DispatchResult QueryInformationAsFastIo(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                        FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                        IO_STATUS_BLOCK* ioStatus);
+// The fast I/O form first, and the IRP form when it is declined.
+NTSTATUS QueryInformationFastThenIrp(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                     ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                     ULONG* returned);
 
 // IRP_MJ_SET_INFORMATION through the stack (below `below`, if given), with a system buffer copied
 // from the caller's, after the I/O manager's length checks; a rename or link first opens the

@@ -90,7 +90,8 @@ public:
     // STATUS_BUFFER_OVERFLOW with a partial record where Windows gives one. A buffer shorter than a
     // fixed-size record gives STATUS_INFO_LENGTH_MISMATCH. FilePositionInformation and
     // FileModeInformation are the I/O manager's (STATUS_INVALID_PARAMETER here; FileAllInformation
-    // carries position 0 and the mode bits of the create options, for the I/O manager to overwrite).
+    // carries the mode bits of the create options, and position 0, which the I/O manager replaces by
+    // the file object's before any filter's post-callback sees the answer).
     // FileNameInformation gives the long-name path from the volume root (with ":stream" for a named
     // stream). A class the volumes do not model fails through verifier::NotImplemented.
     virtual NTSTATUS QueryInformation(VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, void* buffer,
