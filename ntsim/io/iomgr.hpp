@@ -264,6 +264,13 @@ NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME
 // The path on the volume that a create of fileName relative to related names.
 NTSTATUS JoinRelativePath(const FileObjectRecord* related, std::u16string_view fileName, std::u16string* path);
 
+// The FO_* flags a new file object gets from its create options and object attributes.
+ULONG FileObjectFlagsFor(ULONG createOptions, ULONG attributes, bool volumeOpen);
+
+// The path on the volume that the file system opens for a file object, read from the file object
+// as it stands when the create reaches the file system (its name, after its related file object's).
+NTSTATUS PathForFileSystem(const FILE_OBJECT& fileObject, std::u16string* path);
+
 // Maps generic rights to the file-specific ones.
 ACCESS_MASK MapGenericFileAccess(ACCESS_MASK access);
 

@@ -99,9 +99,10 @@ NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, con
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
 
-// IRP_MJ_NETWORK_QUERY_OPEN for a path, as fast I/O (fastIo) or as an IRP. The file object lives
-// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here (the
-// fallback to an ordinary open is NtQueryFullAttributesFile's).
+// IRP_MJ_NETWORK_QUERY_OPEN for a path, alone, as fast I/O (fastIo) or as an IRP. Its file object
+// lives only for the call and must not be referenced. A refused fast attempt gives
+// STATUS_FLT_DISALLOW_FAST_IO here (the query-only open that follows a refusal is
+// NtQueryFullAttributesFile's); NtQueryFullAttributesFile never sends the IRP form.
 NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
                             bool fastIo);
 
