@@ -138,12 +138,15 @@ NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME
         }
     }
     if (best == nullptr) {
-        // "\Device\Nothing" names no object; "\Device\Nothing\file" goes through a missing one.
+        // The first component that names nothing decides: "\Device\Nothing" and "\nothing" name no
+        // object; "\Device\Nothing\file" and "\dir\file" (a volume-relative name parsed from the
+        // root) go through a missing one. Below the root only \Device holds the devices.
         size_t separators = 0;
         for (char16_t c : resolved) {
             separators += c == u'\\' ? 1 : 0;
         }
-        return separators > 2 ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND;
+        const bool underDevice = NameHasPrefix(resolved, u"\\Device\\");
+        return separators > (underDevice ? 2u : 1u) ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND;
     }
     *volume = best;
     *rest = resolved.substr(best->deviceName.size());
