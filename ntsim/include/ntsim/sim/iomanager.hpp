@@ -115,12 +115,17 @@ NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_O
 
 // A cache flush, as a flush of the file or of a mapped view makes it, in the calling thread and
 // with its previous mode: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the write-back of the dirty pages, the file
-// system's flush, then IRP_MJ_RELEASE_FOR_CC_FLUSH. A filter that completes the acquire with a
-// failure fails the flush with that status (nothing is written, the release is not sent).
+// system's flush, then IRP_MJ_RELEASE_FOR_CC_FLUSH. Acquire and release are file system filter
+// operations (FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION) on the flushed file object, below its
+// opening instance; the file systems answer both with STATUS_SUCCESS and IoStatus.Information 0. A
+// filter that completes the acquire with a failure fails the flush with that status (nothing is
+// written, the release is not sent). A file object that has had its cleanup can still be flushed.
 NTSTATUS IoFlushCache(PFILE_OBJECT fileObject);
 
-// The lazy writer's write-behind of the file object: IoFlushCache with the kernel previous mode of
-// the lazy writer's system thread (the calling thread keeps its process).
+// The lazy writer's write-behind of the file object, as IoFlushCache, in a worker thread of the
+// System process (kernel previous mode); the call returns when it is done. A file object whose last
+// handle is closed may still be written back this way while a reference holds it (cleanup has come,
+// close has not), as the cache and memory managers' references do on Windows.
 NTSTATUS IoLazyWrite(PFILE_OBJECT fileObject);
 
 // A process changed `length` bytes at `offset` through a mapped view of the file, and the modified
