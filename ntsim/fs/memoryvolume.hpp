@@ -43,6 +43,12 @@ struct Stream {
     bool removed = false;      // deleted while opens still refer to it
 };
 
+struct ExtendedAttribute {
+    std::string name;  // upper case
+    std::string value;
+    UCHAR flags = 0;   // FILE_NEED_EA or 0
+};
+
 struct Link;
 
 struct Node {
@@ -60,6 +66,7 @@ struct Node {
     ULONG handleCount = 0;     // opens of any stream of this node not yet cleaned up
     ULONG reparseTag = 0;      // a reparse point (FILE_ATTRIBUTE_REPARSE_POINT): its tag, 0 for none
     std::vector<UCHAR> reparseData;  // what follows the reparse buffer's header
+    std::vector<ExtendedAttribute> extendedAttributes;  // in the order they were added
 };
 
 struct Link : std::enable_shared_from_this<Link> {
@@ -81,6 +88,7 @@ struct Features {
     bool shortNames = true;
     bool reparsePoints = true;
     bool readOnly = false;
+    bool extendedAttributes = true;
 };
 
 // A path as a create gives it, split into components and the stream part of the last one.
@@ -123,6 +131,7 @@ public:
     bool deleteOnClose = false;   // FILE_DELETE_ON_CLOSE or a disposition with FILE_DISPOSITION_ON_CLOSE
     bool posixDelete = false;     // this handle's cleanup removes the name at once
     DirectoryScan scan;
+    size_t nextEa = 0;            // the EA scan: index of the next extended attribute to return
 };
 
 class MemoryVolumeImpl final : public MemoryVolume, public std::enable_shared_from_this<MemoryVolumeImpl> {
@@ -146,7 +155,8 @@ public:
     NTSTATUS QueryDirectory(VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                             const UNICODE_STRING* pattern, ULONG flags, ULONG fileIndex,
                             ULONG* returned) override;
-    NTSTATUS QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned) override;
+    NTSTATUS QueryEa(VolumeOpen& open, const VolumeEaQuery& query, void* buffer, ULONG length,
+                     ULONG* returned) override;
     NTSTATUS Flush(VolumeOpen& open) override;
     void Cleanup(VolumeOpen& open) override;
     NTSTATUS NormalizedPath(VolumeOpen& open, std::u16string* path) override;
@@ -158,6 +168,8 @@ public:
     void SeedHardLink(std::u16string_view existingPath, std::u16string_view newPath) override;
     void SeedShortName(std::u16string_view path, std::u16string_view shortName) override;
     void SeedBasicInformation(std::u16string_view path, const FILE_BASIC_INFORMATION& basic) override;
+    void SeedExtendedAttribute(std::u16string_view path, std::string_view name, std::string_view value,
+                               UCHAR flags) override;
     void SeedRemove(std::u16string_view path) override;
     void SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data) override;
     void SeedJunction(std::u16string_view path, std::u16string_view target) override;
@@ -217,6 +229,9 @@ private:
     NTSTATUS SetBasic(MemoryOpen& open, const FILE_BASIC_INFORMATION& basic);
     NTSTATUS SetEndOfFile(MemoryOpen& open, LONGLONG endOfFile);
     NTSTATUS SetAllocation(MemoryOpen& open, LONGLONG allocationSize);
+
+    // The length of a FILE_FULL_EA_INFORMATION list of all the node's extended attributes.
+    ULONG ExtendedAttributesSize(const Node& node) const;
 
     LONGLONG RoundToCluster(LONGLONG size) const;
     ULONG ReportedAttributes(const Node& node) const;

@@ -371,6 +371,7 @@ std::shared_ptr<MemoryVolume> CreateCdfsVolume(std::u16string deviceName)
     features.hardLinks = false;
     features.reparsePoints = false;
     features.readOnly = true;
+    features.extendedAttributes = false;
     return std::make_shared<fs::MemoryVolumeImpl>(std::move(deviceName), features);
 }
 

@@ -1,7 +1,7 @@
 // Opens: parsing an object name down to a volume, IRP_MJ_CREATE through the stack, the re-parse
 // of a create that a filter or file system completed with STATUS_REPARSE, and every entry point
-// that opens a file (NtCreateFile and its relatives, ZwDeleteFile, FltCreateFileEx, the network
-// query open).
+// that opens a file (NtCreateFile and its relatives, ZwDeleteFile, FltCreateFileEx). The network
+// query open is in networkqueryopen.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/object.hpp>
@@ -23,6 +23,8 @@ std::u16string NameOf(const UNICODE_STRING* name)
 {
     return name != nullptr ? std::u16string(View(*name)) : std::u16string();
 }
+
+}  // namespace
 
 ULONG FileObjectFlagsFor(ULONG createOptions, ULONG attributes, bool volumeOpen)
 {
@@ -67,6 +69,8 @@ NTSTATUS PathForFileSystem(const FILE_OBJECT& fileObject, std::u16string* path)
     *path = std::move(name);
     return STATUS_SUCCESS;
 }
+
+namespace {
 
 std::u16string ParentPath(const std::u16string& path)
 {
@@ -190,12 +194,15 @@ NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME
         }
     }
     if (best == nullptr) {
-        // "\Device\Nothing" names no object; "\Device\Nothing\file" goes through a missing one.
+        // The first component that names nothing decides: "\Device\Nothing" and "\nothing" name no
+        // object; "\Device\Nothing\file" and "\dir\file" (a volume-relative name parsed from the
+        // root) go through a missing one. Below the root only \Device holds the devices.
         size_t separators = 0;
         for (char16_t c : resolved) {
             separators += c == u'\\' ? 1 : 0;
         }
-        return separators > 2 ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND;
+        const bool underDevice = NameHasPrefix(resolved, u"\\Device\\");
+        return separators > (underDevice ? 2u : 1u) ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND;
     }
     *volume = best;
     *rest = resolved.substr(best->deviceName.size());
@@ -482,117 +489,7 @@ NTSTATUS DeleteFileAs(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes)
     return status;
 }
 
-// The network query open's file object lives on the caller's stack in Windows: it is never
-// referenced, has no handle, and gets neither cleanup nor close.
-NTSTATUS NetworkQueryOpen(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes,
-                          PFILE_NETWORK_OPEN_INFORMATION information, bool fastIo)
-{
-    if (ObjectAttributes == nullptr || ObjectAttributes->ObjectName == nullptr || information == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    FileObjectRecord* related = nullptr;
-    if (ObjectAttributes->RootDirectory != nullptr) {
-        NTSTATUS status = ReferenceFileByHandle(ObjectAttributes->RootDirectory, 0, mode, &related);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    std::shared_ptr<_FLT_VOLUME> volume;
-    std::u16string fileName(View(*ObjectAttributes->ObjectName));
-    if (related != nullptr) {
-        volume = related->volume;
-    } else {
-        std::u16string name = fileName;
-        NTSTATUS status = ResolveVolumePath(name, &volume, &fileName);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    FileObjectRecord* record = AllocateFileObject(volume, fileName, related != nullptr ? &related->fileObject : nullptr);
-    if (related != nullptr) {
-        DereferenceFile(related);
-    }
-    if (record == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    record->stackObject = true;
-    record->fileObject.Flags = FileObjectFlagsFor(0, ObjectAttributes->Attributes, false);
-
-    CallbackFrame frame(fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
-    frame.iopb.MajorFunction = IRP_MJ_NETWORK_QUERY_OPEN;
-    frame.iopb.TargetFileObject = &record->fileObject;
-    frame.iopb.Parameters.NetworkQueryOpen.Irp = nullptr;
-    frame.iopb.Parameters.NetworkQueryOpen.NetworkInformation = information;
-    DispatchResult result = Dispatch(
-        *volume, nullptr, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& parameters) {
-            VolumeCreateParameters volumeParameters;
-            NTSTATUS status = PathForFileSystem(*parameters.TargetFileObject, &volumeParameters.path);
-            std::unique_ptr<VolumeOpen> open;
-            ULONG_PTR createInformation = 0;
-            std::u16string finalComponent;
-            if (NT_SUCCESS(status)) {
-                volumeParameters.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
-                volumeParameters.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-                volumeParameters.disposition = FILE_OPEN;
-                status = volume->volume->Create(volumeParameters, &open, &createInformation, &finalComponent,
-                                                nullptr);
-            }
-            ULONG returned = 0;
-            if (NT_SUCCESS(status) && open != nullptr) {  // STATUS_REPARSE opens nothing
-                status = volume->volume->QueryInformation(*open, FileNetworkOpenInformation,
-                                                          parameters.Parameters.NetworkQueryOpen.NetworkInformation,
-                                                          sizeof(FILE_NETWORK_OPEN_INFORMATION), &returned);
-                volume->volume->Cleanup(*open);
-            }
-            data.IoStatus.Status = status;
-            data.IoStatus.Information = NT_SUCCESS(status) ? returned : 0;
-        });
-    NTSTATUS status = frame.data.IoStatus.Status;
-    FreeFileObject(record);
-    return result == DispatchResult::FastIoRefused ? STATUS_FLT_DISALLOW_FAST_IO : status;
-}
-
-NTSTATUS QueryFullAttributesAs(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes,
-                               PFILE_NETWORK_OPEN_INFORMATION FileInformation)
-{
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryFullAttributesFile");
-    ScopedPreviousMode previousMode(mode);
-    NTSTATUS status = NetworkQueryOpen(mode, ObjectAttributes, FileInformation, true);
-    if (status != STATUS_FLT_DISALLOW_FAST_IO && status != STATUS_REPARSE) {
-        return status;
-    }
-    // The fast path was refused, or met a reparse point that only a create follows: an ordinary
-    // open, a query and a close, each through the stack.
-    CreateRequest request;
-    request.objectAttributes = ObjectAttributes;
-    request.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
-    request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    request.disposition = FILE_OPEN;
-    request.mode = mode;
-    FileObjectRecord* record = nullptr;
-    IO_STATUS_BLOCK ioStatus{};
-    status = CreateFileObject(request, &ioStatus, &record);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    ULONG returned = 0;
-    status = QueryInformationThroughStack(record, nullptr, FileInformation, sizeof(FILE_NETWORK_OPEN_INFORMATION),
-                                          FileNetworkOpenInformation, mode, false, &returned);
-    DereferenceFile(record);
-    return status;
-}
-
 }  // namespace
-
-namespace ntsim {
-
-NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
-                            bool fastIo)
-{
-    return NetworkQueryOpen(ExGetPreviousMode(), objectAttributes, information, fastIo);
-}
-
-}  // namespace ntsim
 
 extern "C" {
 
@@ -640,18 +537,6 @@ NTSTATUS NTAPI ZwDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes)
         return *failure;
     }
     return DeleteFileAs(KernelMode, ObjectAttributes);
-}
-
-NTSTATUS NTAPI NtQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                         PFILE_NETWORK_OPEN_INFORMATION FileInformation)
-{
-    return QueryFullAttributesAs(ExGetPreviousMode(), ObjectAttributes, FileInformation);
-}
-
-NTSTATUS NTAPI ZwQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                         PFILE_NETWORK_OPEN_INFORMATION FileInformation)
-{
-    return QueryFullAttributesAs(KernelMode, ObjectAttributes, FileInformation);
 }
 
 NTSTATUS FLTAPI FltCreateFileEx(PFLT_FILTER Filter, PFLT_INSTANCE Instance, PHANDLE FileHandle,

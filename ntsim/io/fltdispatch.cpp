@@ -10,6 +10,8 @@
 //                                       below runs and this instance's post-callback is not called
 //   DISALLOW_FASTIO                     fast I/O only: the fast attempt ends; the caller reissues the
 //                                       operation as an IRP
+// The file system may decline a fast I/O attempt too (its fast I/O routine answers FALSE): it sets
+// STATUS_FLT_DISALLOW_FAST_IO, and the attempt ends as a refusal by a filter would.
 // Post-operation callbacks then run from the lowest instance that asked for one up. The file system
 // sees the callback data's parameters only if the data is dirty when the pre-callbacks are done;
 // otherwise it sees the parameters as the operation was issued.
@@ -172,6 +174,10 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
         ApplyLockedBuffer(frame, parameters);
         parameters.TargetInstance = nullptr;
         fileSystem(data, parameters);
+        if (fastIo && data.IoStatus.Status == STATUS_FLT_DISALLOW_FAST_IO) {
+            data.IoStatus.Information = 0;
+            fastIoRefused = true;
+        }
     }
     data.Flags &= ~FLTFL_CALLBACK_DATA_DIRTY;
     RunPostCallbacks(volume, frame, posts);
@@ -179,3 +185,29 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
 }
 
 }  // namespace ntsim::iomgr
+
+using namespace ntsim::iomgr;
+
+extern "C" {
+
+// Whether the operation completes in the thread that issued it, as IoIsOperationSynchronous
+// decides for an IRP: fast I/O and file system filter operations always do; paging I/O does when
+// it is synchronous paging I/O, whatever the file object; other IRPs do when they come from a
+// synchronous API or through a file object opened for synchronous I/O.
+BOOLEAN FLTAPI FltIsOperationSynchronous(PFLT_CALLBACK_DATA CallbackData)
+{
+    if (!FLT_IS_IRP_OPERATION(CallbackData)) {
+        return TRUE;
+    }
+    const ULONG irpFlags = CallbackData->Iopb->IrpFlags;
+    if ((irpFlags & IRP_PAGING_IO) != 0) {
+        return (irpFlags & IRP_SYNCHRONOUS_PAGING_IO) != 0;
+    }
+    if ((irpFlags & IRP_SYNCHRONOUS_API) != 0) {
+        return TRUE;
+    }
+    const PFILE_OBJECT fileObject = CallbackData->Iopb->TargetFileObject;
+    return fileObject != nullptr && (fileObject->Flags & FO_SYNCHRONOUS_IO) != 0;
+}
+
+}  // extern "C"

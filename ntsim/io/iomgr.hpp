@@ -82,6 +82,10 @@ inline constexpr std::string_view kCancelledOpenNotFailed = "FLT_CANCELLED_OPEN_
 // FltCancelFileOpen outside the post-create of an open the file system made, after a handle was
 // made, or twice.
 inline constexpr std::string_view kInvalidCancelOfFileOpen = "INVALID_CANCEL_OF_FILE_OPEN";
+// A buffered operation completed with IoStatus.Information beyond the caller's buffer.
+inline constexpr std::string_view kInformationBeyondBuffer = "IO_INFORMATION_BEYOND_BUFFER";
+// A driver referenced the file object of a network query open, which lives on its caller's stack.
+inline constexpr std::string_view kStackFileObjectReferenced = "IO_STACK_FILE_OBJECT_REFERENCED";
 }  // namespace rules
 
 // A pool tag whose bytes in memory read as text.
@@ -248,10 +252,19 @@ void CheckPostCreateResult(FileObjectRecord* record, const std::shared_ptr<_FLT_
 
 // IRP_MJ_QUERY_INFORMATION through the stack (below `below`, if given), with a system buffer
 // whose first IoStatus.Information bytes go back to the caller's buffer unless the status is an
-// error.
+// error (queryinformation.cpp).
 NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
                                       ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
                                       bool generated, ULONG* returned);
+// The fast I/O form of a query of basic, standard or network-open information: the caller's buffer,
+// Length the record's size. FastIoRefused when a filter or the file system declined it.
+DispatchResult QueryInformationAsFastIo(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                        FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                        IO_STATUS_BLOCK* ioStatus);
+// The fast I/O form first, and the IRP form when it is declined.
+NTSTATUS QueryInformationFastThenIrp(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                     ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                     ULONG* returned);
 
 // IRP_MJ_SET_INFORMATION through the stack (below `below`, if given), with a system buffer copied
 // from the caller's, after the I/O manager's length checks; a rename or link first opens the
@@ -307,6 +320,13 @@ NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME
 
 // The path on the volume that a create of fileName relative to related names.
 NTSTATUS JoinRelativePath(const FileObjectRecord* related, std::u16string_view fileName, std::u16string* path);
+
+// The FO_* flags a new file object gets from its create options and object attributes.
+ULONG FileObjectFlagsFor(ULONG createOptions, ULONG attributes, bool volumeOpen);
+
+// The path on the volume that the file system opens for a file object, read from the file object
+// as it stands when the create reaches the file system (its name, after its related file object's).
+NTSTATUS PathForFileSystem(const FILE_OBJECT& fileObject, std::u16string* path);
 
 // Maps generic rights to the file-specific ones.
 ACCESS_MASK MapGenericFileAccess(ACCESS_MASK access);

@@ -48,6 +48,15 @@ protected:
         return ntsim::IoWriteFile(fileObject_, 0, static_cast<ULONG>(text.size()), text.data(), {}, &written);
     }
 
+    // Basic information, which the I/O manager offers as fast I/O first.
+    void QueryBasicInformation()
+    {
+        FILE_BASIC_INFORMATION basic{};
+        IO_STATUS_BLOCK ioStatus{};
+        ASSERT_EQ(NtQueryInformationFile(handle_, &ioStatus, &basic, sizeof(basic), FileBasicInformation),
+                  STATUS_SUCCESS);
+    }
+
     // The last post-callback event of filter of a major function.
     static Event LastPost(char filter, UCHAR major)
     {
@@ -85,11 +94,9 @@ TEST_F(PostContextTest, EachSettingPlacesThePostCallbacksThatMayCompleteAnywhere
         char buffer[8];
         ULONG read = 0;
         ASSERT_EQ(ntsim::IoReadFile(fileObject_, 0, sizeof(buffer), buffer, {}, &read), STATUS_SUCCESS) << label;
-        UCHAR ea[64];
-        ULONG returned = 0;
-        ntsim::IoQueryEaFile(fileObject_, ea, sizeof(ea), true, &returned);
-        ASSERT_FALSE(EventsOf(IRP_MJ_QUERY_EA).empty());
-        ASSERT_TRUE(EventsOf(IRP_MJ_QUERY_EA).front().fastIo()) << "the query went the fast way";
+        QueryBasicInformation();
+        ASSERT_FALSE(EventsOf(IRP_MJ_QUERY_INFORMATION).empty());
+        ASSERT_TRUE(EventsOf(IRP_MJ_QUERY_INFORMATION).front().fastIo()) << "the query went the fast way";
         CloseFile();
 
         // Where Windows may complete the operation anywhere.
@@ -113,7 +120,7 @@ TEST_F(PostContextTest, EachSettingPlacesThePostCallbacksThatMayCompleteAnywhere
             }
         }
         // Where it never does: the create, a synchronized operation, fast I/O.
-        for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_QUERY_EA}) {
+        for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_QUERY_INFORMATION}) {
             const Event post = LastPost('A', major);
             EXPECT_EQ(post.irql, PASSIVE_LEVEL) << label << " major " << int{major};
             EXPECT_EQ(post.threadId, issuingThread) << label << " major " << int{major};
@@ -287,7 +294,7 @@ TEST_F(PostContextTest, CompletionWhenSafeRefusesFastIoAndPagingIo)
     FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID context) {
         const UCHAR major = data->Iopb->MajorFunction;
         status = FLT_POSTOP_FINISHED_PROCESSING;
-        if (major != IRP_MJ_WRITE && major != IRP_MJ_QUERY_EA) {
+        if (major != IRP_MJ_WRITE && major != IRP_MJ_QUERY_INFORMATION) {
             return;
         }
         answers.push_back(FltDoCompletionProcessingWhenSafe(
@@ -301,9 +308,7 @@ TEST_F(PostContextTest, CompletionWhenSafeRefusesFastIoAndPagingIo)
     FilterA::script().postResult = [](PFLT_CALLBACK_DATA) { return status; };
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     OpenFile();
-    UCHAR ea[64];
-    ULONG returned = 0;
-    ntsim::IoQueryEaFile(fileObject_, ea, sizeof(ea), true, &returned);
+    QueryBasicInformation();
     ULONG written = 0;
     ASSERT_EQ(ntsim::IoWriteFile(fileObject_, 0, 4, "page", {.irpFlags = IRP_PAGING_IO | IRP_NOCACHE}, &written),
               STATUS_SUCCESS);

@@ -541,6 +541,12 @@ BOOLEAN FLTAPI FltIsCallbackDataDirty(PFLT_CALLBACK_DATA Data);
 // operations report NOT_IMPLEMENTED). At or below APC_LEVEL.
 NTSTATUS FLTAPI FltLockUserBuffer(PFLT_CALLBACK_DATA CallbackData);
 
+// Whether the operation completes in the thread that issued it (so that a pre-callback may wait
+// for its post-callback): TRUE for fast I/O and file system filter operations; for an IRP, TRUE for
+// synchronous paging I/O (IRP_SYNCHRONOUS_PAGING_IO), FALSE for other paging I/O, and otherwise
+// TRUE when IRP_SYNCHRONOUS_API is set or the file object was opened for synchronous I/O.
+BOOLEAN FLTAPI FltIsOperationSynchronous(PFLT_CALLBACK_DATA CallbackData);
+
 // Volume names: "\Device\HarddiskVolume2". With a null VolumeName, or one too short,
 // STATUS_BUFFER_TOO_SMALL and *BufferSizeNeeded (if given) the size in bytes.
 NTSTATUS FLTAPI FltGetVolumeName(PFLT_VOLUME Volume, PUNICODE_STRING VolumeName, PULONG BufferSizeNeeded);

@@ -46,6 +46,21 @@ struct RecordedShareAccess {
     bool sharedDelete = false;
 };
 
+// What an EA query asks for besides its buffer.
+struct VolumeEaQuery {
+    ULONG flags = 0;               // SL_RESTART_SCAN, SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED
+    const void* eaList = nullptr;  // FILE_GET_EA_INFORMATION chain, or null
+    ULONG eaListLength = 0;
+    ULONG eaIndex = 0;             // 1-based, with SL_INDEX_SPECIFIED
+};
+
+// The names of a FILE_GET_EA_INFORMATION chain of `length` bytes, checked as NtQueryEaFile checks
+// a caller's list: every entry holds its header, its name and the name's terminating zero, and a
+// NextEntryOffset other than 0 (the last entry's) is a multiple of 4 that passes the entry and
+// leads to another inside the chain. False for a chain that breaks a rule, with *badOffset the
+// offset of the entry that breaks it. names may be null.
+bool ParseEaNameList(const void* list, ULONG length, std::vector<std::string>* names, ULONG* badOffset);
+
 // One open of one stream, as the file system keeps it. Opaque to the I/O manager. Destroying an open
 // is its close (the last reference); an open destroyed without Cleanup is cleaned up first, so share
 // access and delete dispositions are never left behind. Cleanup runs once; a second call does nothing.
@@ -94,7 +109,8 @@ public:
     // STATUS_BUFFER_OVERFLOW with a partial record where Windows gives one. A buffer shorter than a
     // fixed-size record gives STATUS_INFO_LENGTH_MISMATCH. FilePositionInformation and
     // FileModeInformation are the I/O manager's (STATUS_INVALID_PARAMETER here; FileAllInformation
-    // carries position 0 and the mode bits of the create options, for the I/O manager to overwrite).
+    // carries the mode bits of the create options, and position 0, which the I/O manager replaces by
+    // the file object's before any filter's post-callback sees the answer).
     // FileNameInformation gives the long-name path from the volume root (with ":stream" for a named
     // stream). A class the volumes do not model fails through verifier::NotImplemented.
     virtual NTSTATUS QueryInformation(VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, void* buffer,
@@ -119,7 +135,19 @@ public:
                                     ULONG length, const UNICODE_STRING* pattern, ULONG flags, ULONG fileIndex,
                                     ULONG* returned) = 0;
 
-    virtual NTSTATUS QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned) = 0;
+    // Extended attributes, as NtQueryEaFile asks for them: the FILE_FULL_EA_INFORMATION entries of the
+    // file (the names in upper case, each entry on a 4-byte boundary, the last one's NextEntryOffset
+    // 0), *returned the bytes through the end of the last entry. With an EA list (a chain of
+    // FILE_GET_EA_INFORMATION that the I/O manager has checked), the named EAs in the list's order,
+    // an EA the file lacks as an entry with no value, and the scan position left alone. Otherwise the
+    // scan continues from where the open's last query left it: from the start after SL_RESTART_SCAN,
+    // from the 1-based eaIndex with SL_INDEX_SPECIFIED (STATUS_NONEXISTENT_EA_ENTRY for an index of 0
+    // or past the end), STATUS_NO_MORE_EAS when it is at the end. SL_RETURN_SINGLE_ENTRY returns one
+    // entry. STATUS_NO_EAS_ON_FILE for a file without EAs, whatever the request; the entries that fit
+    // and STATUS_BUFFER_OVERFLOW when some but not all fit, STATUS_BUFFER_TOO_SMALL when not even the
+    // first does (the scan moves past what was returned).
+    virtual NTSTATUS QueryEa(VolumeOpen& open, const VolumeEaQuery& query, void* buffer, ULONG length,
+                             ULONG* returned) = 0;
     virtual NTSTATUS Flush(VolumeOpen& open) = 0;
 
     // Last handle closed: share access released; delete-on-close and delete disposition carried out.
