@@ -45,6 +45,7 @@ NTSTATUS GetVolumeInstanceForPath(PFLT_FILTER pFilter, PCUNICODE_STRING pPath, P
 bool IsProcessBlacklisted(PCUNICODE_STRING pImagePath);
 
 // The current process's image file name, device form, into pstrImageName (its capacity decides).
-// STATUS_BUFFER_OVERFLOW, with Length set to the size needed, when it does not fit.
-// IRQL: PASSIVE_LEVEL.
+// A name that does not fit gives STATUS_BUFFER_OVERFLOW and leaves the string as it was (Length
+// unchanged), so that no caller reads a length its buffer doesn't hold. The size query's own
+// failure is returned as it stands. IRQL: PASSIVE_LEVEL.
 NTSTATUS GetProcessImageName(OwnedString* pstrImageName);

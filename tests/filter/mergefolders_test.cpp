@@ -151,6 +151,18 @@ TEST_F(MergeFolderTable, TheBlacklistMatchesTheImageFileNameWithoutRegardToCase)
     EXPECT_FALSE(Blacklisted(u"\\other.exe"));
 }
 
+TEST_F(MergeFolderTable, ABlacklistEntryMatchesTheWholeFileNameOnly)
+{
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u"a|tool"), STATUS_SUCCESS);
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\A.EXE"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\ab"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\tool.exe"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\a\\b.exe"));
+    EXPECT_TRUE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\A"));
+    EXPECT_TRUE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\TOOL"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\"));
+}
+
 TEST_F(MergeFolderTable, ConfigurationSurvivesEveryFailedAllocationWithoutLeaks)
 {
     for (uint64_t point = 1;; point++) {
