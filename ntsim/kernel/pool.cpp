@@ -134,6 +134,29 @@ std::vector<Allocation> Collect(uint64_t afterSequence, bool anyTag, ULONG tag)
     return result;
 }
 
+// Whether a block of this pool type may be freed at irql: paged pool at or below APC_LEVEL, any
+// other at or below DISPATCH_LEVEL.
+bool MayFreeAt(TypeClass typeClass, KIRQL irql)
+{
+    return irql <= (typeClass == kPaged ? APC_LEVEL : DISPATCH_LEVEL);
+}
+
+// Drops a live block from the table, its accounting, and notes it among the recent frees. The
+// caller holds the table's lock, and frees the memory afterwards.
+void ForgetBlock(PoolState& state, std::unordered_map<const void*, Block>::iterator it)
+{
+    const Block& block = it->second;
+    TypeClass typeClass = kNonPaged;
+    Classify(block.type, &typeClass);
+    for (Usage* usage : {&state.byTag[block.tag], &state.byType[typeClass]}) {
+        usage->liveCount -= 1;
+        usage->liveBytes -= block.size;
+    }
+    state.recentlyFreed[state.recentlyFreedNext] = it->first;
+    state.recentlyFreedNext = (state.recentlyFreedNext + 1) % kRecentlyFreed;
+    state.live.erase(it);
+}
+
 }  // namespace
 
 std::string TagText(ULONG tag)
@@ -314,6 +337,29 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
 extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
 {
     pool::PoolState& state = pool::State();
+    const KIRQL irql = kernel::CurrentThread().irql;
+    // A free that passes every check is checked and done under one hold of the table's lock: a
+    // live block, freed with its own tag or none, at a level where its pool may be freed, holding
+    // no live ERESOURCE. Any other free takes the way below, which reports what is wrong.
+    {
+        std::unique_lock guard(state.mutex);
+        auto it = state.live.find(P);
+        if (it != state.live.end()) {
+            const pool::Block& block = it->second;
+            pool::TypeClass typeClass = pool::kNonPaged;
+            pool::Classify(block.type, &typeClass);
+            // A block smaller than an ERESOURCE can't hold a live one: its lookup is spared.
+            if ((Tag == 0 || Tag == block.tag) && pool::MayFreeAt(typeClass, irql) &&
+                (block.size < sizeof(ERESOURCE) || kernel::FindLiveResourceIn(P, block.size) == nullptr)) {
+                verifier::ForgetLocks(P, block.size);
+                pool::ForgetBlock(state, it);
+                guard.unlock();
+                free(P);
+                return;
+            }
+        }
+    }
+
     pool::Block record;
     bool live = false;
     bool freedBefore = false;
@@ -328,25 +374,26 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
                           state.recentlyFreed.end();
         }
     }
-    std::string call = "ExFreePoolWithTag(" + pool::Hex(P) + ", '" + pool::TagText(Tag) + "')";
+    // The call as a report names it. Made only when a check fails: a free that passes every check
+    // formats nothing, as Windows' own free doesn't.
+    auto call = [P, Tag] { return "ExFreePoolWithTag(" + pool::Hex(P) + ", '" + pool::TagText(Tag) + "')"; };
     if (!live) {
         if (freedBefore) {
-            verifier::BugCheck(verifier::rules::kPoolDoubleFree, call + ": the block was already freed");
+            verifier::BugCheck(verifier::rules::kPoolDoubleFree, call() + ": the block was already freed");
         } else {
-            verifier::BugCheck(verifier::rules::kPoolFreeUnknown, call + ": not the start of a pool block");
+            verifier::BugCheck(verifier::rules::kPoolFreeUnknown, call() + ": not the start of a pool block");
         }
         return;
     }
     if (Tag != 0 && Tag != record.tag) {
         verifier::BugCheck(verifier::rules::kPoolWrongTag,
-                           call + " of a block tagged '" + pool::TagText(record.tag) + "'");
+                           call() + " of a block tagged '" + pool::TagText(record.tag) + "'");
     }
-    KIRQL irql = kernel::CurrentThread().irql;
     pool::TypeClass typeClass = pool::kNonPaged;
     pool::Classify(record.type, &typeClass);
     if (typeClass == pool::kPaged && irql > APC_LEVEL) {
         verifier::BugCheck(verifier::rules::kPagedPoolAtDispatch,
-                           call + " of a paged block of " + std::to_string(record.size) + " bytes at IRQL " +
+                           call() + " of a paged block of " + std::to_string(record.size) + " bytes at IRQL " +
                                std::to_string(irql));
     } else if (irql > DISPATCH_LEVEL) {
         verifier::AssertIrqlAtMost(DISPATCH_LEVEL, "ExFreePoolWithTag");
@@ -354,7 +401,7 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     if (const void* resource = kernel::FindLiveResourceIn(P, record.size)) {
         // The block stays allocated: freeing it would leave the lock's state dangling.
         verifier::BugCheck(verifier::rules::kPoolFreeWithLiveResource,
-                           call + " of a block that holds the ERESOURCE at " + pool::Hex(resource) +
+                           call() + " of a block that holds the ERESOURCE at " + pool::Hex(resource) +
                                ", which was not deleted; the block is not freed");
         return;
     }
@@ -367,17 +414,11 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
         if (it == state.live.end()) {
             raced = true;
         } else {
-            for (pool::Usage* usage : {&state.byTag[record.tag], &state.byType[typeClass]}) {
-                usage->liveCount -= 1;
-                usage->liveBytes -= record.size;
-            }
-            state.live.erase(it);
-            state.recentlyFreed[state.recentlyFreedNext] = P;
-            state.recentlyFreedNext = (state.recentlyFreedNext + 1) % pool::kRecentlyFreed;
+            pool::ForgetBlock(state, it);
         }
     }
     if (raced) {
-        verifier::BugCheck(verifier::rules::kPoolDoubleFree, call + ": freed by two threads at once");
+        verifier::BugCheck(verifier::rules::kPoolDoubleFree, call() + ": freed by two threads at once");
         return;
     }
     free(P);
