@@ -25,7 +25,20 @@ ULONGLONG AuthorityValue(const SID_IDENTIFIER_AUTHORITY& authority)
     return value;
 }
 
-void AppendDecimal(std::u16string& text, ULONGLONG value)
+// The longest SID text: "S-", a revision of three digits, a dash, the authority in hexadecimal
+// ("0x" and twelve digits), and fifteen sub-authorities of a dash and ten digits each.
+constexpr size_t kMaxSidTextChars = 2 + 3 + 1 + 14 + SID_MAX_SUB_AUTHORITIES * 11;
+
+// SID text is built in place, in a buffer of the caller's stack, as Windows builds it: no heap
+// allocation but the string that is handed out.
+struct SidTextBuffer {
+    WCHAR characters[kMaxSidTextChars];
+    size_t length = 0;
+
+    void Append(char c) { characters[length++] = static_cast<WCHAR>(c); }
+};
+
+void AppendDecimal(SidTextBuffer& text, ULONGLONG value)
 {
     char digits[24];
     int count = 0;
@@ -34,37 +47,39 @@ void AppendDecimal(std::u16string& text, ULONGLONG value)
         value /= 10;
     } while (value != 0);
     while (count > 0) {
-        text.push_back(static_cast<char16_t>(digits[--count]));
+        text.Append(digits[--count]);
     }
 }
 
 // The authority: decimal below 2^32, otherwise 0x and the full twelve hexadecimal digits of its
 // 48 bits, upper case (S-1-0x123456789ABC-...).
-void AppendAuthority(std::u16string& text, const SID_IDENTIFIER_AUTHORITY& authority)
+void AppendAuthority(SidTextBuffer& text, const SID_IDENTIFIER_AUTHORITY& authority)
 {
     if (authority.Value[0] == 0 && authority.Value[1] == 0) {
         AppendDecimal(text, AuthorityValue(authority));
         return;
     }
     static const char kHex[] = "0123456789ABCDEF";
-    text += u"0x";
+    text.Append('0');
+    text.Append('x');
     for (UCHAR byte : authority.Value) {
-        text.push_back(static_cast<char16_t>(kHex[byte >> 4]));
-        text.push_back(static_cast<char16_t>(kHex[byte & 0xF]));
+        text.Append(kHex[byte >> 4]);
+        text.Append(kHex[byte & 0xF]);
     }
 }
 
-std::u16string SidText(const SID* sid)
+// The text of a valid SID (at most SID_MAX_SUB_AUTHORITIES sub-authorities).
+void SidText(const SID* sid, SidTextBuffer& text)
 {
-    std::u16string text = u"S-";
+    text.Append('S');
+    text.Append('-');
     AppendDecimal(text, sid->Revision);
-    text.push_back(u'-');
+    text.Append('-');
     AppendAuthority(text, sid->IdentifierAuthority);
     for (UCHAR i = 0; i < sid->SubAuthorityCount; ++i) {
-        text.push_back(u'-');
+        text.Append('-');
         AppendDecimal(text, sid->SubAuthority[i]);
     }
-    return text;
 }
 
 // Parses one number of SID text: decimal, or 0x and hexadecimal digits.
@@ -156,8 +171,9 @@ NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID 
     if (UnicodeString == nullptr || !RtlValidSid(Sid)) {
         return STATUS_INVALID_SID;
     }
-    const std::u16string text = SidText(AsSid(Sid));
-    const size_t bytes = text.size() * sizeof(WCHAR);  // at most 2 + 4 + 15 * 11 + 16 characters
+    SidTextBuffer text;
+    SidText(AsSid(Sid), text);
+    const size_t bytes = text.length * sizeof(WCHAR);
 
     if (AllocateDestinationString) {
         auto* buffer = static_cast<PWCH>(
@@ -165,8 +181,8 @@ NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID 
         if (buffer == nullptr) {
             return STATUS_NO_MEMORY;
         }
-        std::memcpy(buffer, text.data(), bytes);
-        buffer[text.size()] = 0;
+        std::memcpy(buffer, text.characters, bytes);
+        buffer[text.length] = 0;
         UnicodeString->Buffer = buffer;
         UnicodeString->Length = static_cast<USHORT>(bytes);
         UnicodeString->MaximumLength = static_cast<USHORT>(bytes + sizeof(WCHAR));
@@ -176,9 +192,9 @@ NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID 
     if (bytes > UnicodeString->MaximumLength) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    std::memcpy(UnicodeString->Buffer, text.data(), bytes);
+    std::memcpy(UnicodeString->Buffer, text.characters, bytes);
     if (bytes + sizeof(WCHAR) <= UnicodeString->MaximumLength) {
-        UnicodeString->Buffer[text.size()] = 0;
+        UnicodeString->Buffer[text.length] = 0;
     }
     UnicodeString->Length = static_cast<USHORT>(bytes);
     return STATUS_SUCCESS;

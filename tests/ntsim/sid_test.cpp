@@ -62,6 +62,22 @@ TEST(SidText, AuthorityOfTwoToTheThirtyTwoOrMoreIsTwelveHexDigits)
     EXPECT_EQ(Text(full.data()), "S-1-0x123456789ABC");
 }
 
+TEST(SidText, TheLongestTextComesWhole)
+{
+    // A hexadecimal authority and fifteen sub-authorities of ten digits: 183 characters.
+    auto longest = MakeSid({{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}, std::vector<ULONG>(15, 4294967295u));
+    std::string expected = "S-1-0xFFFFFFFFFFFF";
+    for (int i = 0; i < 15; ++i) {
+        expected += "-4294967295";
+    }
+    ASSERT_EQ(expected.size(), 183u);
+    EXPECT_EQ(Text(longest.data()), expected);
+
+    auto exact = ntsim::UnicodeStringHolder::WithCapacity(183 * sizeof(WCHAR));
+    EXPECT_EQ(RtlConvertSidToUnicodeString(exact.get(), longest.data(), FALSE), STATUS_SUCCESS);
+    EXPECT_EQ(exact.utf8(), expected);
+}
+
 TEST(SidText, TextParsesBackToTheSameSid)
 {
     for (const char16_t* text : {u"S-1-5-18", u"S-1-5-21-1-2-3-1001", u"S-1-0x000100000000-5", u"S-1-16-12288"}) {
