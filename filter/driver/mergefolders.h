@@ -23,6 +23,11 @@ extern ULONG g_MergeFolderCount;
 // before the first configuration.
 extern OwnedString** g_ProcessBlacklist;
 
+// Brings the summary that spares the lookups most scans in step with the rows. The caller holds
+// g_ConfigLock and calls it whenever it has changed rows, before it releases the lock.
+// IRQL: <= APC_LEVEL.
+VOID SummarizeMergeFolders();
+
 // True when a row of this SID has exactly this path (link or device form), without regard to case.
 // IRQL: <= APC_LEVEL; takes g_ConfigLock.
 bool IsMergeFolderRoot(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath);
