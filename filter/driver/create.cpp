@@ -22,19 +22,19 @@ static const UNICODE_STRING g_DummyFileText =
 #define PROCESS_IMAGE_NAME_CAPACITY 260
 
 // \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
-#define MUP_PREFIX L"\\Device\\Mup\\"
-#define MUP_LOOPBACK_PREFIX L"\\Device\\Mup\\127.0.0.1\\"
+static const UNICODE_STRING g_MupPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\");
+static const UNICODE_STRING g_MupLoopbackPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\127.0.0.1\\");
 #define MUP_PATH_MIN_BYTES 24
-
-static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
-{
-    return pPath->Length >= MUP_PATH_MIN_BYTES && StringStartsWithText(pPath, MUP_PREFIX) &&
-           !StringStartsWithText(pPath, MUP_LOOPBACK_PREFIX);
-}
 
 static bool IsLoopbackMupPath(PCUNICODE_STRING pPath)
 {
-    return StringStartsWithText(pPath, MUP_LOOPBACK_PREFIX);
+    return RtlPrefixUnicodeString(&g_MupLoopbackPrefix, pPath, TRUE) != FALSE;
+}
+
+static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
+{
+    return pPath->Length >= MUP_PATH_MIN_BYTES && RtlPrefixUnicodeString(&g_MupPrefix, pPath, TRUE) &&
+           !IsLoopbackMupPath(pPath);
 }
 
 static bool HasColon(PCUNICODE_STRING pPath)

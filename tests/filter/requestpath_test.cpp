@@ -188,12 +188,18 @@ TEST_F(RequestPath, TheVolumeNameQueryAndTheAllocationsFailThePath)
     EXPECT_EQ(Path(&file.fileObject, TRUE, &path), STATUS_FLT_VOLUME_NOT_FOUND);
     EXPECT_EQ(path, "<none>");
 
-    // Either string that can't be allocated: STATUS_NO_MEMORY, and nothing left behind.
+    // Any allocation that fails: STATUS_NO_MEMORY, and nothing left behind.
     ntsim::pool::Checkpoint checkpoint(FOLDERMERGE_POOL_TAG);
-    for (uint64_t point = 1; point <= 2; point++) {
+    for (uint64_t point = 1;; point++) {
         ntsim::faults::Reset();
         ntsim::faults::FailNthAllocation(point);
-        EXPECT_EQ(Path(&file.fileObject, TRUE, &path), STATUS_NO_MEMORY) << "allocation " << point;
+        NTSTATUS status = Path(&file.fileObject, TRUE, &path);
+        if (ntsim::faults::FailuresInjected() == 0) {
+            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_GT(point, 1u) << "the path needs pool";
+            break;
+        }
+        EXPECT_EQ(status, STATUS_NO_MEMORY) << "allocation " << point;
         EXPECT_EQ(path, "<none>");
     }
     ntsim::faults::Reset();
@@ -279,8 +285,9 @@ protected:
         TracedFilter::TearDown();
     }
 
-    // Opens path (FILE_OPEN_IF) and runs PathFromRequest and NormalizeFilePath in its pre-create.
-    Normalized Normalize(std::u16string_view path)
+    // Opens path (FILE_OPEN_IF) and runs PathFromRequest and NormalizeFilePath in its pre-create;
+    // with failCopy the filter's next allocation during NormalizeFilePath fails.
+    Normalized Normalize(std::u16string_view path, bool failCopy = false)
     {
         Normalized result;
         Probe() = [&](PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects) {
@@ -291,7 +298,13 @@ protected:
             }
             OwnedString* pstrBefore = pstrPath;
             result.before = Text(pstrPath);
+            if (failCopy) {
+                ntsim::faults::FailAllocationsWithTag(FOLDERMERGE_POOL_TAG, ntsim::faults::Persistence::Once);
+            }
             result.status = NormalizeFilePath(Data, &pstrPath);
+            if (failCopy) {
+                ntsim::faults::Reset();
+            }
             result.replaced = pstrPath != pstrBefore;
             result.after = Text(pstrPath);
             FreeUnicodeString(&pstrPath);
@@ -372,12 +385,8 @@ TEST_F(LongNames, AFailedCopyOfTheLongNameLeavesThePathAndReleasesTheNameInforma
 {
     const std::u16string shortName = volume_->ShortName(u"\\LongFolderName");
     ASSERT_FALSE(shortName.empty());
-    Normalized failed;
     const std::string expectedPath = std::string(kVolume) + "\\LongFolderName";
-    // The probe's volume name and path are the first two allocations of the tag; the long name's
-    // copy is the third.
-    ntsim::faults::FailNthPointOf({.tags = {FOLDERMERGE_POOL_TAG}}, 3);
-    failed = Normalize(u"\\??\\C:\\" + shortName);
+    Normalized failed = Normalize(u"\\??\\C:\\" + shortName, true);
     EXPECT_EQ(failed.status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_FALSE(failed.replaced);
     EXPECT_EQ(failed.after, failed.before);

@@ -277,6 +277,24 @@ TEST_F(RequestIdentity, TheClientTokenCountsBeforeThePrimaryToken)
     EXPECT_EQ(Sid(&context, STATUS_INVALID_PARAMETER), "<none>");
 }
 
+TEST_F(RequestIdentity, TheLongestSidTextComesWholeWithRoomForItsTerminator)
+{
+    // An authority written in hexadecimal and fifteen sub-authorities of ten digits each.
+    std::u16string longest = u"S-1-0x123456789ABC";
+    for (int index = 0; index < SID_MAX_SUB_AUTHORITIES; index++) {
+        longest += u"-4294967295";
+    }
+    auto process = ntsim::CreateProcess({.userSid = longest});
+    ntsim::AttachThread thread(process);
+    OwnedString* pstr = nullptr;
+    ASSERT_EQ(GetRequestSid(nullptr, &pstr), STATUS_SUCCESS);
+    StringGuard sid{pstr};
+    EXPECT_EQ(Text(sid.pstr), ntsim::ToUtf8(longest));
+    EXPECT_EQ(sid.pstr->MaximumLength, sid.pstr->Length + sizeof(WCHAR));
+    EXPECT_EQ(sid.pstr->Buffer[sid.pstr->Length / sizeof(WCHAR)], 0);
+    EXPECT_EQ(PoolTypeOf(sid.pstr), g_PoolType);
+}
+
 TEST_F(RequestIdentity, AFailedCopyOfTheSidIsAFailureNotAnEmptySuccess)
 {
     ntsim::AttachThread thread(process_);
