@@ -7,6 +7,7 @@
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/verifier.hpp>
 
+#include "pool_table.hpp"
 #include "resource_registry.hpp"
 #include "stacktrace.hpp"
 #include "thread_state.hpp"
@@ -50,7 +51,7 @@ enum TypeClass { kNonPaged = 0, kPaged = 1, kNonPagedNx = 2, kTypeClasses = 3 };
 
 struct PoolState {
     std::mutex mutex;
-    std::unordered_map<const void*, Block> live;
+    LiveTable<Block> live;
     std::unordered_map<ULONG, Usage> byTag;
     std::array<Usage, kTypeClasses> byType{};
     uint64_t sequence = 0;
@@ -123,11 +124,11 @@ std::vector<Allocation> Collect(uint64_t afterSequence, bool anyTag, ULONG tag)
     std::vector<Allocation> result;
     {
         std::lock_guard guard(state.mutex);
-        for (const auto& [address, block] : state.live) {
+        state.live.ForEach([&](const void* address, const Block& block) {
             if (block.sequence > afterSequence && (anyTag || block.tag == tag)) {
                 result.push_back(ToAllocation(address, block));
             }
-        }
+        });
     }
     std::sort(result.begin(), result.end(),
               [](const Allocation& a, const Allocation& b) { return a.sequence < b.sequence; });
@@ -143,18 +144,17 @@ bool MayFreeAt(TypeClass typeClass, KIRQL irql)
 
 // Drops a live block from the table, its accounting, and notes it among the recent frees. The
 // caller holds the table's lock, and frees the memory afterwards.
-void ForgetBlock(PoolState& state, std::unordered_map<const void*, Block>::iterator it)
+void ForgetBlock(PoolState& state, const void* address, const Block& block)
 {
-    const Block& block = it->second;
     TypeClass typeClass = kNonPaged;
     Classify(block.type, &typeClass);
     for (Usage* usage : {&state.byTag[block.tag], &state.byType[typeClass]}) {
         usage->liveCount -= 1;
         usage->liveBytes -= block.size;
     }
-    state.recentlyFreed[state.recentlyFreedNext] = it->first;
+    state.recentlyFreed[state.recentlyFreedNext] = address;
     state.recentlyFreedNext = (state.recentlyFreedNext + 1) % kRecentlyFreed;
-    state.live.erase(it);
+    state.live.Erase(address);
 }
 
 }  // namespace
@@ -213,7 +213,7 @@ bool IsLive(const void* address)
 {
     PoolState& state = State();
     std::lock_guard guard(state.mutex);
-    return state.live.count(address) != 0;
+    return state.live.Find(address) != nullptr;
 }
 
 std::string FormatReport(const std::vector<Allocation>& allocations)
@@ -325,7 +325,7 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
 
     std::lock_guard guard(state.mutex);
     record.sequence = ++state.sequence;
-    state.live.emplace(block, record);
+    state.live.Insert(block, record);
     for (pool::Usage* usage : {&state.byTag[Tag], &state.byType[typeClass]}) {
         usage->liveCount += 1;
         usage->liveBytes += NumberOfBytes;
@@ -343,16 +343,15 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     // no live ERESOURCE. Any other free takes the way below, which reports what is wrong.
     {
         std::unique_lock guard(state.mutex);
-        auto it = state.live.find(P);
-        if (it != state.live.end()) {
-            const pool::Block& block = it->second;
+        if (const pool::Block* found = state.live.Find(P)) {
+            const pool::Block& block = *found;
             pool::TypeClass typeClass = pool::kNonPaged;
             pool::Classify(block.type, &typeClass);
             // A block smaller than an ERESOURCE can't hold a live one: its lookup is spared.
             if ((Tag == 0 || Tag == block.tag) && pool::MayFreeAt(typeClass, irql) &&
                 (block.size < sizeof(ERESOURCE) || kernel::FindLiveResourceIn(P, block.size) == nullptr)) {
                 verifier::ForgetLocks(P, block.size);
-                pool::ForgetBlock(state, it);
+                pool::ForgetBlock(state, P, block);
                 guard.unlock();
                 free(P);
                 return;
@@ -365,10 +364,9 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     bool freedBefore = false;
     {
         std::lock_guard guard(state.mutex);
-        auto it = state.live.find(P);
-        if (it != state.live.end()) {
+        if (const pool::Block* found = state.live.Find(P)) {
             live = true;
-            record = it->second;
+            record = *found;
         } else if (P != nullptr) {
             freedBefore = std::find(state.recentlyFreed.begin(), state.recentlyFreed.end(), P) !=
                           state.recentlyFreed.end();
@@ -410,11 +408,10 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     bool raced = false;
     {
         std::lock_guard guard(state.mutex);
-        auto it = state.live.find(P);
-        if (it == state.live.end()) {
-            raced = true;
+        if (const pool::Block* found = state.live.Find(P)) {
+            pool::ForgetBlock(state, P, *found);
         } else {
-            pool::ForgetBlock(state, it);
+            raced = true;
         }
     }
     if (raced) {
