@@ -38,16 +38,31 @@ struct SidTextBuffer {
     void Append(char c) { characters[length++] = static_cast<WCHAR>(c); }
 };
 
-void AppendDecimal(SidTextBuffer& text, ULONGLONG value)
+// Every number written in decimal fits 32 bits: the revision, a sub-authority, and an authority
+// below 2^32. The digits go straight to their place, from the last, two at a time.
+void AppendDecimal(SidTextBuffer& text, ULONG value)
 {
-    char digits[24];
-    int count = 0;
-    do {
-        digits[count++] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    while (count > 0) {
-        text.Append(digits[--count]);
+    static const char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    size_t digits = 1;
+    for (ULONG bound = 10; digits < 10 && value >= bound; bound *= 10) {
+        digits += 1;
+    }
+    text.length += digits;
+    WCHAR* next = text.characters + text.length;
+    while (value >= 100) {
+        const ULONG pair = (value % 100) * 2;
+        value /= 100;
+        *--next = static_cast<WCHAR>(kPairs[pair + 1]);
+        *--next = static_cast<WCHAR>(kPairs[pair]);
+    }
+    if (value >= 10) {
+        *--next = static_cast<WCHAR>(kPairs[value * 2 + 1]);
+        *--next = static_cast<WCHAR>(kPairs[value * 2]);
+    } else {
+        *--next = static_cast<WCHAR>('0' + value);
     }
 }
 
@@ -56,7 +71,7 @@ void AppendDecimal(SidTextBuffer& text, ULONGLONG value)
 void AppendAuthority(SidTextBuffer& text, const SID_IDENTIFIER_AUTHORITY& authority)
 {
     if (authority.Value[0] == 0 && authority.Value[1] == 0) {
-        AppendDecimal(text, AuthorityValue(authority));
+        AppendDecimal(text, static_cast<ULONG>(AuthorityValue(authority)));
         return;
     }
     static const char kHex[] = "0123456789ABCDEF";
