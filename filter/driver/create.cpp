@@ -37,16 +37,6 @@ static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
            !IsLoopbackMupPath(pPath);
 }
 
-static bool HasColon(PCUNICODE_STRING pPath)
-{
-    for (USHORT usIndex = 0; usIndex < pPath->Length / sizeof(WCHAR); usIndex++) {
-        if (pPath->Buffer[usIndex] == L':') {
-            return true;
-        }
-    }
-    return false;
-}
-
 FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                                       PVOID* CompletionContext)
 {
@@ -165,7 +155,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     }
 
     // 15. Alternate data streams are the file system's affair alone.
-    if (HasColon(pstrPath)) {
+    if (StringContainsCharacter(pstrPath, L':')) {
         TRACE_INFO("[EXIT] Requested path [%wZ] is ADS, ignoring", pstrPath);
         goto Exit;
     }

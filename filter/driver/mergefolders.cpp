@@ -26,6 +26,7 @@ OwnedString** g_ProcessBlacklist;
 #define FOLDER_SUMMARY_BITS 4096
 
 static ULONG g_FolderSummary[FOLDER_SUMMARY_BITS / 32];
+static USHORT g_usShortestFolderChars;
 static USHORT g_usLongestFolderChars;
 
 // A character folded as RtlUpcaseUnicodeChar folds it: ASCII here (a-z alone), any other through it.
@@ -78,6 +79,9 @@ static VOID AddToSummary(PCUNICODE_STRING pString)
     ULONG ulHigh = SummaryBitHigh(ulKey);
     g_FolderSummary[ulLow / 32] |= 1u << (ulLow % 32);
     g_FolderSummary[ulHigh / 32] |= 1u << (ulHigh % 32);
+    if (usChars < g_usShortestFolderChars) {
+        g_usShortestFolderChars = usChars;
+    }
     if (usChars > g_usLongestFolderChars) {
         g_usLongestFolderChars = usChars;
     }
@@ -86,6 +90,7 @@ static VOID AddToSummary(PCUNICODE_STRING pString)
 VOID SummarizeMergeFolders()
 {
     RtlZeroMemory(g_FolderSummary, sizeof(g_FolderSummary));
+    g_usShortestFolderChars = MAXUSHORT;
     g_usLongestFolderChars = 0;
     for (ULONG ulRow = 0; ulRow < g_MergeFolderCount; ulRow++) {
         const MergeFolderEntry* pRow = &g_MergeFolders[ulRow];
@@ -105,11 +110,12 @@ static bool SummaryMayHoldPath(PCUNICODE_STRING pPath)
     if (pPath->Buffer == nullptr || (pPath->Length % sizeof(WCHAR)) != 0) {
         return true;  // no summary for a malformed string: the rows decide
     }
-    // A part longer than the longest row string can't be one.
+    // Only a part as long as some row string can be one: the parts looked at run from the
+    // shortest row string's length to the longest's.
     const WCHAR* pChars = pPath->Buffer;
     USHORT usChars = pPath->Length / sizeof(WCHAR);
     USHORT usLimit = usChars < g_usLongestFolderChars ? usChars : g_usLongestFolderChars;
-    for (USHORT usIndex = 0; usIndex < usLimit; usIndex++) {
+    for (USHORT usIndex = g_usShortestFolderChars; usIndex < usLimit; usIndex++) {
         if (pChars[usIndex] == L'\\' && SummaryHolds(pChars, usIndex)) {
             return true;
         }

@@ -119,6 +119,20 @@ LONG FindUnicodeSubstring(PCUNICODE_STRING pHaystack, PCUNICODE_STRING pNeedle, 
     return -1;
 }
 
+BOOLEAN StringContainsCharacter(PCUNICODE_STRING pString, WCHAR ch)
+{
+    if (pString == nullptr || pString->Buffer == nullptr) {
+        return FALSE;
+    }
+    USHORT usChars = pString->Length / sizeof(WCHAR);
+    for (USHORT usIndex = 0; usIndex < usChars; usIndex++) {
+        if (pString->Buffer[usIndex] == ch) {
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
 BOOLEAN StringStartsWithText(PCUNICODE_STRING pString, PCWSTR pszPrefix)
 {
     if (pString == nullptr || pString->Buffer == nullptr) {

@@ -126,6 +126,23 @@ TEST(FindUnicodeSubstring, FindsTheFirstOccurrenceByCharacterIndex)
     EXPECT_EQ(FindUnicodeSubstring(nullptr, backslash.get(), FALSE), -1);
 }
 
+TEST(StringContainsCharacter, LooksAtEveryCharacterOfTheLengthAndNoFurther)
+{
+    char16_t text[] = u"~ab:c~";
+    UNICODE_STRING whole{12, 12, (PWCH)text};
+    EXPECT_TRUE(StringContainsCharacter(&whole, L'~'));
+    EXPECT_TRUE(StringContainsCharacter(&whole, L':'));
+    EXPECT_FALSE(StringContainsCharacter(&whole, L'\\'));
+    // The middle of it: the tildes at both ends lie outside, the colon inside.
+    UNICODE_STRING middle{8, 10, (PWCH)(text + 1)};
+    EXPECT_FALSE(StringContainsCharacter(&middle, L'~'));
+    EXPECT_TRUE(StringContainsCharacter(&middle, L':'));
+    UNICODE_STRING empty{0, 12, (PWCH)text};
+    EXPECT_FALSE(StringContainsCharacter(&empty, L'~'));
+    UNICODE_STRING noBuffer{4, 4, nullptr};
+    EXPECT_FALSE(StringContainsCharacter(&noBuffer, L'~'));
+}
+
 std::vector<std::string> Tokens(std::u16string text)
 {
     std::vector<std::string> tokens;
