@@ -46,10 +46,11 @@ void AppendDecimal(SidTextBuffer& text, ULONG value)
         "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
         "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
         "8081828384858687888990919293949596979899";
-    size_t digits = 1;
-    for (ULONG bound = 10; digits < 10 && value >= bound; bound *= 10) {
-        digits += 1;
-    }
+    const size_t digits =
+        value < 100000
+            ? (value < 100 ? (value < 10 ? 1 : 2) : (value < 1000 ? 3 : (value < 10000 ? 4 : 5)))
+            : (value < 10000000 ? (value < 1000000 ? 6 : 7)
+                                : (value < 100000000 ? 8 : (value < 1000000000 ? 9 : 10)));
     text.length += digits;
     WCHAR* next = text.characters + text.length;
     while (value >= 100) {

@@ -53,6 +53,26 @@ TEST(SidText, DecimalFormOfAuthorityAndSubAuthorities)
     EXPECT_EQ(Text(big.data()), "S-1-4294967295-7");
 }
 
+TEST(SidText, NumbersOfEveryWidthAreWrittenWhole)
+{
+    // One to ten digits, each at both ends of its width.
+    std::vector<ULONG> values;
+    std::string expected = "S-1-5";
+    for (ULONG low = 1, width = 1; width <= 10; ++width, low = low * 10) {
+        const ULONG high = width == 10 ? 4294967295u : low * 10 - 1;
+        for (ULONG value : {width == 1 ? 0u : low, high}) {
+            values.push_back(value);
+            expected += "-" + std::to_string(value);
+        }
+    }
+    ASSERT_EQ(values.size(), 20u);
+    // Fifteen sub-authorities at most: the values go in two SIDs.
+    std::vector<ULONG> first(values.begin(), values.begin() + 10), second(values.begin() + 10, values.end());
+    auto one = MakeSid(SECURITY_NT_AUTHORITY, first);
+    auto two = MakeSid(SECURITY_NT_AUTHORITY, second);
+    EXPECT_EQ(Text(one.data()) + Text(two.data()).substr(5), expected);
+}
+
 TEST(SidText, AuthorityOfTwoToTheThirtyTwoOrMoreIsTwelveHexDigits)
 {
     auto atLimit = MakeSid({{0, 1, 0, 0, 0, 0}}, {5});
