@@ -42,6 +42,7 @@ struct Block {
     ULONG tag;
     POOL_TYPE type;
     uint64_t sequence;
+    Usage* tagUsage;  // the tag's entry of byTag, which lives as long as the pool
     uint8_t depth;
     std::array<const void*, kMaxCallSiteDepth> callSite;
 };
@@ -148,7 +149,7 @@ void ForgetBlock(PoolState& state, const void* address, const Block& block)
 {
     TypeClass typeClass = kNonPaged;
     Classify(block.type, &typeClass);
-    for (Usage* usage : {&state.byTag[block.tag], &state.byType[typeClass]}) {
+    for (Usage* usage : {block.tagUsage, &state.byType[typeClass]}) {
         usage->liveCount -= 1;
         usage->liveBytes -= block.size;
     }
@@ -325,8 +326,9 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
 
     std::lock_guard guard(state.mutex);
     record.sequence = ++state.sequence;
+    record.tagUsage = &state.byTag[Tag];
     state.live.Insert(block, record);
-    for (pool::Usage* usage : {&state.byTag[Tag], &state.byType[typeClass]}) {
+    for (pool::Usage* usage : {record.tagUsage, &state.byType[typeClass]}) {
         usage->liveCount += 1;
         usage->liveBytes += NumberOfBytes;
         usage->totalAllocations += 1;
