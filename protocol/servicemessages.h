@@ -1,4 +1,5 @@
-// The records that cross FolderMerge's communication port, shared by the filter and the service.
+// The records that cross FolderMerge's communication port, shared by the filter and the service,
+// and the header of the block map stream that the filter keeps on each tracked file.
 //
 // Little-endian, packed, fixed-width fields only. Text is UTF-16 ended by a 16-bit zero inside its
 // field. Each record's offsets and size are pinned below; the port adds its own framing
@@ -36,6 +37,14 @@
 #define DIRTY_BLOCK_MAP_REPLY_LENGTH(mapLength) \
     (DIRTY_BLOCK_MAP_REPLY_HEAD_SIZE + (mapLength) + DIRTY_BLOCK_MAP_REPLY_TAIL_SIZE)
 #define DIRTY_BLOCK_COUNT_REPLY_SIZE 8
+
+// The block map stream of a tracked file: the file's path, ":", then this name. Its content is a
+// DirtyBlockStreamHeader followed by the map (one bit per 4096-byte block, block 0 in the most
+// significant bit of byte 0); the map's length is the stream's length less the header.
+#define DIRTY_BLOCK_STREAM_NAME L"{22ccc030-c7fd-4d41-af27-03d193e7f165}"
+#define DIRTY_BLOCK_STREAM_HEADER_SIZE 34
+#define DIRTY_BLOCK_STREAM_HEADER_VERSION 2
+#define DIRTY_BLOCK_SIZE 4096
 
 #define CONFIGURATION_MIN_VERSION 4
 #define CONFIGURATION_MAX_FOLDERS 50
@@ -110,6 +119,17 @@ typedef struct _DirtyBlockCountReply {
     uint32_t DirtyBlockCount;
 } DirtyBlockCountReply;
 
+// The head of the block map stream. The reader looks at DirtyBlockCount, HeaderTimestamp and
+// bTrackingFailed only: a stream whose file was last written after HeaderTimestamp is stale.
+typedef struct _DirtyBlockStreamHeader {
+    uint8_t HeaderVersion;     // DIRTY_BLOCK_STREAM_HEADER_VERSION
+    uint32_t DirtyBlockCount;  // the record's count when the stream was written
+    int64_t HeaderTimestamp;   // system time of the write, 100 ns units since 1601-01-01 UTC
+    uint32_t Reserved1;        // 0
+    uint8_t bTrackingFailed;   // the record's flag when the stream was written
+    uint8_t Reserved2[16];     // 0
+} DirtyBlockStreamHeader;
+
 #pragma pack(pop)
 
 static_assert(offsetof(MergeFolderRecord, Sid) == 0, "MergeFolderRecord.Sid");
@@ -156,3 +176,11 @@ static_assert(offsetof(DirtyBlockCountReply, bTrackingFailed) == 0, "DirtyBlockC
 static_assert(offsetof(DirtyBlockCountReply, Reserved) == 1, "DirtyBlockCountReply.Reserved");
 static_assert(offsetof(DirtyBlockCountReply, DirtyBlockCount) == 4, "DirtyBlockCountReply.DirtyBlockCount");
 static_assert(sizeof(DirtyBlockCountReply) == DIRTY_BLOCK_COUNT_REPLY_SIZE, "DirtyBlockCountReply size");
+
+static_assert(offsetof(DirtyBlockStreamHeader, HeaderVersion) == 0, "DirtyBlockStreamHeader.HeaderVersion");
+static_assert(offsetof(DirtyBlockStreamHeader, DirtyBlockCount) == 1, "DirtyBlockStreamHeader.DirtyBlockCount");
+static_assert(offsetof(DirtyBlockStreamHeader, HeaderTimestamp) == 5, "DirtyBlockStreamHeader.HeaderTimestamp");
+static_assert(offsetof(DirtyBlockStreamHeader, Reserved1) == 13, "DirtyBlockStreamHeader.Reserved1");
+static_assert(offsetof(DirtyBlockStreamHeader, bTrackingFailed) == 17, "DirtyBlockStreamHeader.bTrackingFailed");
+static_assert(offsetof(DirtyBlockStreamHeader, Reserved2) == 18, "DirtyBlockStreamHeader.Reserved2");
+static_assert(sizeof(DirtyBlockStreamHeader) == DIRTY_BLOCK_STREAM_HEADER_SIZE, "DirtyBlockStreamHeader size");

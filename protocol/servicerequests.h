@@ -48,6 +48,8 @@
 #define SERVICE_REQUEST_AREA_OFFSET 560
 #define SERVICE_REQUEST_AREA_BYTES 1528
 #define SERVICE_REQUEST_FILTER_FIELD_BYTES 524
+// The longest search pattern: the field must keep the zero character that ends it.
+#define SERVICE_REQUEST_FILTER_TEXT_MAX_BYTES (SERVICE_REQUEST_FILTER_FIELD_BYTES - 2)
 // Offsets that AllocateServerRequestMessage writes the two string lengths to.
 #define SERVICE_REQUEST_PATH_LENGTH_OFFSET 556
 #define SERVICE_REQUEST_SECOND_LENGTH_OFFSET 560
@@ -55,6 +57,10 @@
 #define SERVICE_REPLY_HEAD_SIZE 16
 // A signature name has at most this many characters, followed by a zero character.
 #define SERVICE_SIGNATURE_NAME_CHARS 260
+// A redirect reply's first room for a name: the larger of the path's length and this, in bytes.
+#define SERVICE_REDIRECT_NAME_MIN_CAPACITY 260
+// A redirect name becomes a counted string with room for a zero character: even, at most this long.
+#define SERVICE_REDIRECT_NAME_MAX_BYTES 65532
 
 // ---- reply lengths, head included ----
 #define SERVICE_REPLY_LENGTH_OBJECT_EXISTS 18

@@ -2,6 +2,7 @@
 #include "lifecycle.h"
 
 #include "configuration.h"
+#include "dirtyblocktracking.h"
 #include "globals.h"
 #include "locks.h"
 #include "operations.h"
@@ -108,11 +109,14 @@ static VOID ReleaseFilter()
     // The blacklist outlives a cleared configuration, but not the filter.
     FreeProcessBlacklist();
     DeleteLock(&g_ConfigLock);
-    // File contexts, tracked dirty block files, MUP access records and user records are emptied
-    // here once the filter keeps them; none exists in this build.
+    // File contexts, MUP access records and user records are emptied here once the filter keeps
+    // them; none exists in this build. The maps still live are not written back: the filter is
+    // unregistered and has no handle to write with, and a file that stays open after the unload can
+    // be written unseen, so their next load starts wholly dirty.
+    ClearTrackedDirtyBlockFileList();
     DeleteStreamStringTable();
     DeleteLock(&g_ContextLock);
-    DeleteLock(&g_DirtyBlockLock);
+    (VOID) DeleteTrackedDirtyBlockFileListLock();
     DeleteLock(&g_MupLock);
     DeleteLock(&g_UserListLock);
     DeleteLock(&g_TraceLock);
@@ -128,6 +132,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     // address space.
     RtlZeroMemory(&g_ServiceData, sizeof(g_ServiceData));
     g_PassThrough = 0;
+    g_DirtyBlockFileList = nullptr;
     g_PoolType = NonPagedPool;
 
     // 1. Non-executable non-paged pool exists from NT 6.2 on.

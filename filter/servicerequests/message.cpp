@@ -71,6 +71,32 @@ NTSTATUS BeginServiceRequest(ServiceRequest* pRequest, ULONG ulRequestCode, PCUN
     return STATUS_SUCCESS;
 }
 
+VOID StoreFileInformationBlock(const FILE_BASIC_INFORMATION* pBasic, const FILE_STANDARD_INFORMATION* pStandard,
+                               FileInformationBlock* pBlock)
+{
+    RtlZeroMemory(pBlock, sizeof(*pBlock));
+    if (pBasic != nullptr) {
+        pBlock->Basic.CreationTime = pBasic->CreationTime.QuadPart;
+        pBlock->Basic.LastAccessTime = pBasic->LastAccessTime.QuadPart;
+        pBlock->Basic.LastWriteTime = pBasic->LastWriteTime.QuadPart;
+        pBlock->Basic.ChangeTime = pBasic->ChangeTime.QuadPart;
+        pBlock->Basic.FileAttributes = pBasic->FileAttributes;
+    } else {
+        pBlock->Basic.CreationTime = FILE_TIME_UNKNOWN;
+        pBlock->Basic.LastAccessTime = FILE_TIME_UNKNOWN;
+        pBlock->Basic.LastWriteTime = FILE_TIME_UNKNOWN;
+        pBlock->Basic.ChangeTime = FILE_TIME_UNKNOWN;
+        pBlock->Basic.FileAttributes = FILE_ATTRIBUTES_UNKNOWN;
+    }
+    if (pStandard != nullptr) {
+        pBlock->Standard.AllocationSize = pStandard->AllocationSize.QuadPart;
+        pBlock->Standard.EndOfFile = pStandard->EndOfFile.QuadPart;
+        pBlock->Standard.NumberOfLinks = pStandard->NumberOfLinks;
+        pBlock->Standard.DeletePending = pStandard->DeletePending;
+        pBlock->Standard.Directory = pStandard->Directory;
+    }
+}
+
 VOID FillFileInformationBlock(PCUNICODE_STRING pPath, PCFLT_RELATED_OBJECTS FltObjects,
                               PFLT_IO_PARAMETER_BLOCK Iopb, FileInformationBlock* pBlock,
                               uint8_t* pbMarkerStreamPresent)
@@ -88,16 +114,7 @@ VOID FillFileInformationBlock(PCUNICODE_STRING pPath, PCFLT_RELATED_OBJECTS FltO
                                   pbMarkerStreamPresent != nullptr ? &bMarkerStreamPresent : nullptr);
     }
 
-    pBlock->Basic.CreationTime = basic.CreationTime.QuadPart;
-    pBlock->Basic.LastAccessTime = basic.LastAccessTime.QuadPart;
-    pBlock->Basic.LastWriteTime = basic.LastWriteTime.QuadPart;
-    pBlock->Basic.ChangeTime = basic.ChangeTime.QuadPart;
-    pBlock->Basic.FileAttributes = basic.FileAttributes;
-    pBlock->Standard.AllocationSize = standard.AllocationSize.QuadPart;
-    pBlock->Standard.EndOfFile = standard.EndOfFile.QuadPart;
-    pBlock->Standard.NumberOfLinks = standard.NumberOfLinks;
-    pBlock->Standard.DeletePending = standard.DeletePending;
-    pBlock->Standard.Directory = standard.Directory;
+    StoreFileInformationBlock(&basic, &standard, pBlock);
     if (pbMarkerStreamPresent != nullptr) {
         *pbMarkerStreamPresent = bMarkerStreamPresent;
     }
@@ -112,4 +129,5 @@ VOID EndServiceRequest(ServiceRequest* pRequest)
         FreeBufferAndClear((PVOID*)&pRequest->pMessage);
     }
     pRequest->bReplyRead = 0;
+    pRequest->bDisconnected = 0;
 }

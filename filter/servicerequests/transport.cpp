@@ -30,6 +30,7 @@ static bool IsSendStatusTheResult(ULONG ulRequestCode)
 NTSTATUS SendServiceRequest(ServiceRequest* pRequest, ULONG ulReplyLength)
 {
     pRequest->bReplyRead = 0;
+    pRequest->bDisconnected = 0;
     if (pRequest->pReply != nullptr) {
         FreeBufferAndClear((PVOID*)&pRequest->pReply);
     }
@@ -52,6 +53,7 @@ NTSTATUS SendServiceRequest(ServiceRequest* pRequest, ULONG ulReplyLength)
 
     // The Thread port went away during the wait: whatever arrived belongs to no one.
     if (ReadDisconnectCount() != pRequest->ulDisconnectCount) {
+        pRequest->bDisconnected = 1;
         return STATUS_UNSUCCESSFUL;
     }
     if (!NT_SUCCESS(sendStatus) || sendStatus == STATUS_TIMEOUT) {

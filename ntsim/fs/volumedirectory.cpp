@@ -62,9 +62,12 @@ void FillCommon(Record& record, const Entry& entry, ULONG nameBytes)
 template <typename Record>
 void FillShortName(Record& record, const Entry& entry)
 {
+    // "." and "..", and names that are 8.3 names themselves, have none: the field stays zero.
     const size_t characters = std::min<size_t>(entry.shortName.size(), 12);
     record.ShortNameLength = static_cast<CCHAR>(characters * sizeof(WCHAR));
-    std::memcpy(record.ShortName, entry.shortName.data(), characters * sizeof(WCHAR));
+    if (characters != 0) {
+        std::memcpy(record.ShortName, entry.shortName.data(), characters * sizeof(WCHAR));
+    }
 }
 
 template <typename Record>
@@ -227,10 +230,11 @@ NTSTATUS MemoryVolumeImpl::QueryDirectory(VolumeOpen& open, FILE_INFORMATION_CLA
             if (placed != 0) {
                 break;  // left for the next query
             }
-            // Not even the first entry fits: as much of it as there is room for. It counts as
-            // handed out; FileNameLength tells the whole name's length.
+            // Not even the first entry fits: its fixed part and the bytes of its name that there is
+            // room for (half a character, for an odd length). It counts as handed out;
+            // FileNameLength tells the whole name's length.
             WriteFixedPart(infoClass, entry, nameBytes, bytes);
-            std::memcpy(bytes + nameOffset, entry.name.data(), (length - nameOffset) & ~1u);
+            std::memcpy(bytes + nameOffset, entry.name.data(), length - nameOffset);
             *returned = length;
             moveTo(entry);
             scan.firstQuery = false;

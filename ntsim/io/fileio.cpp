@@ -1,5 +1,6 @@
-// Operations on open files: read, write, query and set information, directory queries, EAs and
-// flushes, as the native API, the Filter Manager's I/O below a filter, and the test-issued forms.
+// Operations on open files: read, write, query information, directory queries, EAs and flushes, as
+// the native API, the Filter Manager's I/O below a filter, and the test-issued forms. Set
+// information is in setinformation.cpp, the cache's write-back in cachemanager.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/process.hpp>
@@ -33,18 +34,74 @@ bool UsesFilePosition(const LARGE_INTEGER* offset)
     return offset == nullptr || (offset->HighPart == -1 && offset->LowPart == FILE_USE_FILE_POINTER_POSITION);
 }
 
+// The IRP flags of a read or write. Paging I/O carries what the cache or memory manager says of it
+// (IRP_PAGING_IO, IRP_SYNCHRONOUS_PAGING_IO for a synchronous page write) and is always non-cached.
+// Any other I/O gets its kind, IRP_NOCACHE when the file object was opened without intermediate
+// buffering, and IRP_SYNCHRONOUS_API when the file object is synchronous (the I/O manager then waits
+// for the operation in the caller's thread).
+ULONG IrpFlagsOf(const ReadWrite& request)
+{
+    if ((request.irpFlags & IRP_PAGING_IO) != 0) {
+        return request.irpFlags | IRP_NOCACHE;
+    }
+    const ULONG fileObjectFlags = request.record->fileObject.Flags;
+    ULONG flags = request.irpFlags | (request.write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION);
+    if ((fileObjectFlags & FO_NO_INTERMEDIATE_BUFFERING) != 0) {
+        flags |= IRP_NOCACHE;
+    }
+    if ((fileObjectFlags & FO_SYNCHRONOUS_IO) != 0) {
+        flags |= IRP_SYNCHRONOUS_API;
+    }
+    return flags;
+}
+
+// The file system's part of a write: at the end of file for FILE_WRITE_TO_END_OF_FILE; a paging
+// write never moves the end of file, so it is cut there (and one wholly past it writes nothing).
+// A cached write leaves the pages it changed dirty in the file object's cache.
+NTSTATUS WriteToVolume(FileObjectRecord* record, const FLT_IO_PARAMETER_BLOCK& params, ULONG* transferred)
+{
+    Volume& volume = *record->volume->volume;
+    const auto& write = params.Parameters.Write;
+    const bool toEnd = write.ByteOffset.HighPart == -1 && write.ByteOffset.LowPart == FILE_WRITE_TO_END_OF_FILE;
+    const bool paging = (params.IrpFlags & IRP_PAGING_IO) != 0;
+    LONGLONG at = write.ByteOffset.QuadPart;
+    ULONG length = write.Length;
+    if (toEnd || paging) {
+        FILE_STANDARD_INFORMATION standard{};
+        ULONG returned = 0;
+        NTSTATUS status =
+            volume.QueryInformation(*record->open, FileStandardInformation, &standard, sizeof(standard), &returned);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        const LONGLONG endOfFile = standard.EndOfFile.QuadPart;
+        if (toEnd) {
+            at = endOfFile;
+        } else if (at >= endOfFile) {
+            length = 0;
+        } else {
+            length = static_cast<ULONG>(std::min<LONGLONG>(length, endOfFile - at));
+        }
+    }
+    NTSTATUS status = volume.Write(*record->open, at, length, write.WriteBuffer, transferred);
+    if (NT_SUCCESS(status) && (params.IrpFlags & (IRP_PAGING_IO | IRP_NOCACHE)) == 0) {
+        MarkCachedPagesDirty(record, at, *transferred);
+    }
+    return status;
+}
+
 // One attempt of a read or write: as fast I/O or as an IRP.
 DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fastIo, IO_STATUS_BLOCK* ioStatus)
 {
     FileObjectRecord* record = request.record;
+    const bool paging = (request.irpFlags & IRP_PAGING_IO) != 0;
+    // Paging I/O comes from the system, in kernel mode, whoever's thread it runs in.
     CallbackFrame frame((fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION) |
                             (request.generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
-                        request.mode);
+                        paging ? static_cast<KPROCESSOR_MODE>(KernelMode) : request.mode);
     FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
     iopb.MajorFunction = request.write ? IRP_MJ_WRITE : IRP_MJ_READ;
-    iopb.IrpFlags = fastIo ? 0
-                           : request.irpFlags | (request.write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION) |
-                                 IRP_SYNCHRONOUS_API;
+    iopb.IrpFlags = fastIo ? 0 : IrpFlagsOf(request);
     iopb.TargetFileObject = &record->fileObject;
     if (request.write) {
         iopb.Parameters.Write.Length = request.length;
@@ -55,35 +112,21 @@ DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fas
         iopb.Parameters.Read.ByteOffset.QuadPart = offset;
         iopb.Parameters.Read.ReadBuffer = request.buffer;
     }
-    DispatchResult result = Dispatch(
-        *record->volume, request.below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-            const LARGE_INTEGER byteOffset =
-                request.write ? params.Parameters.Write.ByteOffset : params.Parameters.Read.ByteOffset;
-            const ULONG length = request.write ? params.Parameters.Write.Length : params.Parameters.Read.Length;
-            const bool pagingOrNoncached = (params.IrpFlags & (IRP_PAGING_IO | IRP_NOCACHE)) != 0;
+    const _FLT_INSTANCE* below = request.below != nullptr ? request.below : record->below.get();
+    DispatchResult result =
+        Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
             ULONG transferred = 0;
             NTSTATUS status;
             if (record->open == nullptr || record->closed) {
                 status = STATUS_FILE_CLOSED;
-            } else if (record->cleanedUp && !pagingOrNoncached) {
-                // After cleanup only the cache and memory managers' I/O may come.
+            } else if (record->cleanedUp && (params.IrpFlags & IRP_PAGING_IO) == 0) {
+                // After cleanup only the cache and memory managers' paging I/O may come.
                 status = STATUS_FILE_CLOSED;
             } else if (request.write) {
-                LONGLONG at = byteOffset.QuadPart;
-                status = STATUS_SUCCESS;
-                if (byteOffset.HighPart == -1 && byteOffset.LowPart == FILE_WRITE_TO_END_OF_FILE) {
-                    FILE_STANDARD_INFORMATION standard{};
-                    ULONG returned = 0;
-                    status = record->volume->volume->QueryInformation(*record->open, FileStandardInformation,
-                                                                      &standard, sizeof(standard), &returned);
-                    at = standard.EndOfFile.QuadPart;
-                }
-                if (NT_SUCCESS(status)) {
-                    status = record->volume->volume->Write(*record->open, at, length,
-                                                          params.Parameters.Write.WriteBuffer, &transferred);
-                }
+                status = WriteToVolume(record, params, &transferred);
             } else {
-                status = record->volume->volume->Read(*record->open, byteOffset.QuadPart, length,
+                status = record->volume->volume->Read(*record->open, params.Parameters.Read.ByteOffset.QuadPart,
+                                                      params.Parameters.Read.Length,
                                                       params.Parameters.Read.ReadBuffer, &transferred);
             }
             data.IoStatus.Status = status;
@@ -166,129 +209,6 @@ ACCESS_MASK AccessToQuery(FILE_INFORMATION_CLASS infoClass)
     }
 }
 
-ACCESS_MASK AccessToSet(FILE_INFORMATION_CLASS infoClass)
-{
-    switch (infoClass) {
-    case FileBasicInformation:
-        return FILE_WRITE_ATTRIBUTES;
-    case FileRenameInformation:
-    case FileDispositionInformation:
-    case FileDispositionInformationEx:
-        return DELETE;
-    case FileEndOfFileInformation:
-    case FileAllocationInformation:
-        return FILE_WRITE_DATA;
-    default:
-        return 0;
-    }
-}
-
-// A set-information request on a file object, with the target of a rename or link resolved.
-NTSTATUS SetInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, HANDLE handle,
-                                    PVOID buffer, ULONG length, FILE_INFORMATION_CLASS infoClass,
-                                    KPROCESSOR_MODE mode, bool generated)
-{
-    if (infoClass == FilePositionInformation) {
-        if (length < sizeof(FILE_POSITION_INFORMATION)) {
-            return STATUS_INFO_LENGTH_MISMATCH;
-        }
-        std::lock_guard lock(record->positionMutex);
-        record->fileObject.CurrentByteOffset = static_cast<PFILE_POSITION_INFORMATION>(buffer)->CurrentByteOffset;
-        return STATUS_SUCCESS;
-    }
-    std::vector<UCHAR> systemBuffer(static_cast<const UCHAR*>(buffer), static_cast<const UCHAR*>(buffer) + length);
-
-    // Rename and link: a target with a path has its directory opened through the stack first.
-    FileObjectRecord* parent = nullptr;
-    std::u16string targetPath;
-    bool hasTarget = false;
-    BOOLEAN replaceIfExists = FALSE;
-    if (infoClass == FileRenameInformation || infoClass == FileLinkInformation) {
-        if (length < FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName)) {
-            return STATUS_INFO_LENGTH_MISMATCH;
-        }
-        const auto* rename = reinterpret_cast<const FILE_RENAME_INFORMATION*>(systemBuffer.data());
-        if (FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + static_cast<size_t>(rename->FileNameLength) > length) {
-            return STATUS_INVALID_PARAMETER;
-        }
-        replaceIfExists = rename->ReplaceIfExists;
-        std::u16string name(reinterpret_cast<const char16_t*>(rename->FileName), rename->FileNameLength / sizeof(WCHAR));
-        hasTarget = true;
-        if (rename->RootDirectory == nullptr && name.find(u'\\') == std::u16string::npos) {
-            // A simple name: the target is in the source's own directory.
-            std::u16string directory = record->volumePath;
-            size_t slash = directory.rfind(u'\\');
-            directory = slash == std::u16string::npos || slash == 0 ? u"\\" : directory.substr(0, slash);
-            targetPath = directory + (directory.back() == u'\\' ? u"" : u"\\") + name;
-        } else {
-            UNICODE_STRING objectName{static_cast<USHORT>(rename->FileNameLength),
-                                      static_cast<USHORT>(rename->FileNameLength),
-                                      const_cast<PWCH>(rename->FileName)};
-            OBJECT_ATTRIBUTES attributes;
-            InitializeObjectAttributes(&attributes, &objectName, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
-                                       rename->RootDirectory, nullptr);
-            CreateRequest request;
-            request.objectAttributes = &attributes;
-            request.desiredAccess = FILE_WRITE_DATA | SYNCHRONIZE;
-            request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE;
-            request.disposition = FILE_OPEN;
-            request.ioFlags = IO_OPEN_TARGET_DIRECTORY;
-            request.mode = mode;
-            request.generatedByFilter = generated;
-            IO_STATUS_BLOCK ioStatus{};
-            NTSTATUS status = CreateFileObject(request, &ioStatus, &parent);
-            if (!NT_SUCCESS(status)) {
-                return status;
-            }
-            if (parent->volume != record->volume) {
-                DereferenceFile(parent);
-                return STATUS_NOT_SAME_DEVICE;
-            }
-            std::u16string finalComponent(View(parent->fileObject.FileName));
-            targetPath = parent->volumePath + (parent->volumePath.back() == u'\\' ? u"" : u"\\") + finalComponent;
-        }
-    }
-
-    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
-                            (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
-                        mode);
-    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
-    iopb.MajorFunction = IRP_MJ_SET_INFORMATION;
-    iopb.IrpFlags = IRP_BUFFERED_IO | IRP_SYNCHRONOUS_API;
-    iopb.TargetFileObject = &record->fileObject;
-    auto& set = iopb.Parameters.SetFileInformation;
-    set.Length = length;
-    set.FileInformationClass = infoClass;
-    set.ParentOfTarget = parent != nullptr ? &parent->fileObject : nullptr;
-    if (hasTarget) {
-        set.ReplaceIfExists = replaceIfExists;
-    } else if (infoClass == FileDispositionInformation || infoClass == FileDispositionInformationEx) {
-        set.DeleteHandle = handle;
-    }
-    set.InfoBuffer = systemBuffer.data();
-    Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-        const auto& p = params.Parameters.SetFileInformation;
-        NTSTATUS status = record->open == nullptr ? STATUS_FILE_CLOSED
-                                                  : record->volume->volume->SetInformation(
-                                                        *record->open, p.FileInformationClass, p.InfoBuffer,
-                                                        p.Length, hasTarget ? &targetPath : nullptr);
-        if (NT_SUCCESS(status) && hasTarget && infoClass == FileRenameInformation) {
-            record->volumePath = targetPath;
-        }
-        if (NT_SUCCESS(status) &&
-            (p.FileInformationClass == FileDispositionInformation ||
-             p.FileInformationClass == FileDispositionInformationEx)) {
-            record->fileObject.DeletePending = *static_cast<const BOOLEAN*>(p.InfoBuffer);
-        }
-        data.IoStatus.Status = status;
-        data.IoStatus.Information = 0;
-    });
-    if (parent != nullptr) {
-        DereferenceFile(parent);
-    }
-    return frame.data.IoStatus.Status;
-}
-
 NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
                                     FILE_INFORMATION_CLASS infoClass, PCUNICODE_STRING pattern, UCHAR flags,
                                     ULONG fileIndex, KPROCESSOR_MODE mode)
@@ -320,13 +240,17 @@ NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK i
                  const auto& q = params.Parameters.DirectoryControl.QueryDirectory;
                  ULONG returned = 0;
                  NTSTATUS status = STATUS_FILE_CLOSED;
-                 if (record->open != nullptr) {
-                     status = !record->open->IsDirectory()
-                                  ? STATUS_INVALID_PARAMETER
-                                  : record->volume->volume->QueryDirectory(*record->open, q.FileInformationClass,
-                                                                           q.DirectoryBuffer, q.Length, q.FileName,
-                                                                           params.OperationFlags, q.FileIndex,
-                                                                           &returned);
+                 PVOID target = DirectoryBufferOf(params);
+                 if (record->open == nullptr) {
+                     status = STATUS_FILE_CLOSED;
+                 } else if (!record->open->IsDirectory()) {
+                     status = STATUS_INVALID_PARAMETER;
+                 } else if (target == nullptr) {
+                     status = STATUS_INSUFFICIENT_RESOURCES;  // the MDL could not be mapped
+                 } else {
+                     status = record->volume->volume->QueryDirectory(*record->open, q.FileInformationClass, target,
+                                                                     q.Length, q.FileName, params.OperationFlags,
+                                                                     q.FileIndex, &returned);
                  }
                  data.IoStatus.Status = status;
                  data.IoStatus.Information = returned;
@@ -380,31 +304,6 @@ NTSTATUS QueryEaThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus
     return result.Status;
 }
 
-// IRP_MJ_ACQUIRE_FOR_CC_FLUSH or IRP_MJ_RELEASE_FOR_CC_FLUSH, a file system filter operation.
-NTSTATUS SendCcFlushCallback(FileObjectRecord* record, UCHAR major)
-{
-    CallbackFrame frame(FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION, ExGetPreviousMode());
-    frame.iopb.MajorFunction = major;
-    frame.iopb.TargetFileObject = &record->fileObject;
-    Dispatch(*record->volume, nullptr, frame, [](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK&) {
-        data.IoStatus.Status = STATUS_SUCCESS;
-        data.IoStatus.Information = 0;
-    });
-    return frame.data.IoStatus.Status;
-}
-
-// The cache manager's flush of one file: acquire, the file system's flush, release.
-NTSTATUS FlushCache(FileObjectRecord* record)
-{
-    NTSTATUS status = SendCcFlushCallback(record, IRP_MJ_ACQUIRE_FOR_CC_FLUSH);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    NTSTATUS flushed = record->open != nullptr ? record->volume->volume->Flush(*record->open) : STATUS_FILE_CLOSED;
-    SendCcFlushCallback(record, IRP_MJ_RELEASE_FOR_CC_FLUSH);
-    return flushed;
-}
-
 NTSTATUS FlushBuffersThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, KPROCESSOR_MODE mode)
 {
     CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
@@ -435,6 +334,23 @@ bool AsynchronousArguments(HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcCo
 }
 
 }  // namespace
+
+NTSTATUS SendPagingWrite(FileObjectRecord* record, LONGLONG offset, ULONG length, const void* buffer,
+                         ULONG irpFlags, ULONG* written)
+{
+    LARGE_INTEGER at;
+    at.QuadPart = offset;
+    ReadWrite request;
+    request.write = true;
+    request.record = record;
+    request.byteOffset = &at;
+    request.length = length;
+    request.buffer = const_cast<void*>(buffer);
+    request.irpFlags = irpFlags | IRP_PAGING_IO;
+    request.updatePosition = false;
+    request.mode = KernelMode;
+    return DoReadWrite(request, nullptr, written);
+}
 
 NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
                                       ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
@@ -651,11 +567,6 @@ NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS in
     return status;
 }
 
-NTSTATUS IoFlushCache(PFILE_OBJECT fileObject)
-{
-    return FlushCache(RecordOf(fileObject));
-}
-
 }  // namespace ntsim
 
 extern "C" {
@@ -724,35 +635,19 @@ NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStat
     return QueryInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
 }
 
-static NTSTATUS SetInformationAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
-                                 PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
+// The smallest buffer a directory query of infoClass may bring: its record with a one-character
+// name. 0 for a class that is no directory class.
+static ULONG MinimumDirectoryBuffer(FILE_INFORMATION_CLASS infoClass)
 {
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtSetInformationFile");
-    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
+    switch (infoClass) {
+    case FileDirectoryInformation: return sizeof(FILE_DIRECTORY_INFORMATION);
+    case FileFullDirectoryInformation: return sizeof(FILE_FULL_DIR_INFORMATION);
+    case FileBothDirectoryInformation: return sizeof(FILE_BOTH_DIR_INFORMATION);
+    case FileNamesInformation: return sizeof(FILE_NAMES_INFORMATION);
+    case FileIdBothDirectoryInformation: return sizeof(FILE_ID_BOTH_DIR_INFORMATION);
+    case FileIdFullDirectoryInformation: return sizeof(FILE_ID_FULL_DIR_INFORMATION);
+    default: return 0;
     }
-    ScopedPreviousMode previousMode(mode);
-    HandleReference file(FileHandle, AccessToSet(FileInformationClass), mode);
-    if (!NT_SUCCESS(file.status())) {
-        return file.status();
-    }
-    NTSTATUS status = SetInformationThroughStack(file.get(), nullptr, FileHandle, FileInformation, Length,
-                                                 FileInformationClass, mode, false);
-    SetIoStatus(IoStatusBlock, status, 0);
-    return status;
-}
-
-NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                    ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return SetInformationAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, FileInformation, Length,
-                            FileInformationClass);
-}
-
-NTSTATUS NTAPI ZwSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                    ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return SetInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
 }
 
 static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
@@ -764,11 +659,36 @@ static NTSTATUS QueryDirectoryAs(KPROCESSOR_MODE mode, HANDLE FileHandle, HANDLE
     if (AsynchronousArguments(Event, ApcRoutine, ApcContext)) {
         return verifier::NotImplemented("NtQueryDirectoryFile with an event or APC");
     }
-    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
+    if (IoStatusBlock == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     if ((QueryFlags & FILE_QUERY_INDEX_SPECIFIED) != 0) {
         // No native caller can name the index; ntsim::IoQueryDirectoryFile can.
+        return STATUS_INVALID_PARAMETER;
+    }
+    switch (FileInformationClass) {
+    case FileObjectIdInformation: case FileReparsePointInformation:
+    case FileIdGlobalTxDirectoryInformation: case FileIdExtdDirectoryInformation:
+    case FileIdExtdBothDirectoryInformation:
+        return verifier::NotImplemented("NtQueryDirectoryFile of information class " +
+                                        std::to_string(static_cast<int>(FileInformationClass)));
+    default:
+        break;
+    }
+    const ULONG minimum = MinimumDirectoryBuffer(FileInformationClass);
+    if (minimum == 0) {
+        return STATUS_INVALID_INFO_CLASS;
+    }
+    if (Length < minimum) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    if (mode == UserMode) {
+        try {
+            ProbeForWrite(FileInformation, Length, sizeof(ULONG));
+        } catch (const SehException& exception) {
+            return exception.Code();
+        }
+    } else if (FileInformation == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
     ScopedPreviousMode previousMode(mode);
@@ -827,6 +747,18 @@ NTSTATUS NTAPI ZwQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, PIO_APC_R
 {
     return QueryDirectoryAs(KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, FileInformation,
                             Length, FileInformationClass, QueryFlags, FileName);
+}
+
+NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG, ULONG,
+                                           BOOLEAN)
+{
+    return verifier::NotImplemented("NtNotifyChangeDirectoryFile (IRP_MN_NOTIFY_CHANGE_DIRECTORY)");
+}
+
+NTSTATUS NTAPI ZwNotifyChangeDirectoryFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG, ULONG,
+                                           BOOLEAN)
+{
+    return verifier::NotImplemented("ZwNotifyChangeDirectoryFile (IRP_MN_NOTIFY_CHANGE_DIRECTORY)");
 }
 
 static NTSTATUS QueryEaAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
@@ -932,21 +864,6 @@ NTSTATUS FLTAPI FltQueryInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT Fil
         *LengthReturned = returned;
     }
     return status;
-}
-
-NTSTATUS FLTAPI FltSetInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
-                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    if (auto failure = faults::Check("FltSetInformationFile")) {
-        return *failure;
-    }
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltSetInformationFile");
-    auto instance = InstanceOf(Instance);
-    if (instance == nullptr || FileObject == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    return SetInformationThroughStack(RecordOf(FileObject), instance.get(), nullptr, FileInformation, Length,
-                                      FileInformationClass, KernelMode, true);
 }
 
 }  // extern "C"

@@ -165,6 +165,7 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
     } else if (!completed) {
         const bool dirty = (data.Flags & FLTFL_CALLBACK_DATA_DIRTY) != 0;
         FLT_IO_PARAMETER_BLOCK parameters = dirty ? frame.iopb : issued;
+        ApplyLockedBuffer(frame, parameters);
         parameters.TargetInstance = nullptr;
         fileSystem(data, parameters);
     }

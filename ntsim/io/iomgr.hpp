@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -155,6 +156,10 @@ struct FileObjectRecord {
     std::atomic<bool> cleanedUp{false};
     std::atomic<bool> closed{false};
     std::mutex positionMutex;             // CurrentByteOffset of synchronous file objects
+    // The pages of this open's cache that cached writes changed and no paging write has written
+    // back yet (page numbers, under cacheMutex). See cachemanager.cpp.
+    std::mutex cacheMutex;
+    std::set<LONGLONG> dirtyPages;
 };
 
 FileObjectRecord* RecordOf(PFILE_OBJECT fileObject);
@@ -180,12 +185,30 @@ void SendClose(FileObjectRecord* record);
 
 // ---- dispatch ----
 
-// One operation's callback data and parameter block.
+// One operation's callback data and parameter block, and what the operation owns: the MDL of its
+// caller's buffer once a filter locked it (FltLockUserBuffer), unlocked and freed when the frame
+// goes, as the I/O manager frees an IRP's MDL at completion.
 struct CallbackFrame {
     FLT_IO_PARAMETER_BLOCK iopb{};
     FLT_CALLBACK_DATA data;
+    PMDL lockedBufferMdl = nullptr;
+    PVOID lockedBuffer = nullptr;  // the buffer that lockedBufferMdl describes
     CallbackFrame(FLT_CALLBACK_DATA_FLAGS flags, KPROCESSOR_MODE requestorMode);
+    ~CallbackFrame();
+    CallbackFrame(const CallbackFrame&) = delete;
+    CallbackFrame& operator=(const CallbackFrame&) = delete;
 };
+
+// The frame of a callback data that the I/O manager made; null (after a bug check) for any other.
+CallbackFrame* FrameOf(PFLT_CALLBACK_DATA data);
+
+// The MDL that a filter locked for the operation's buffer, put into parameters that name that
+// buffer without an MDL (the parameters as issued, when the file system gets those).
+void ApplyLockedBuffer(const CallbackFrame& frame, FLT_IO_PARAMETER_BLOCK& parameters);
+
+// The directory buffer of a query as the file system reaches it: the system's view of its MDL
+// when it has one, else its address. Null when the MDL cannot be mapped.
+PVOID DirectoryBufferOf(const FLT_IO_PARAMETER_BLOCK& parameters);
 
 enum class DispatchResult { Completed, FastIoRefused };
 
@@ -207,6 +230,33 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
 NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
                                       ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
                                       bool generated, ULONG* returned);
+
+// IRP_MJ_SET_INFORMATION through the stack (below `below`, if given), with a system buffer copied
+// from the caller's, after the I/O manager's length checks; a rename or link first opens the
+// target's directory below the same point (setinformation.cpp). handle is the caller's handle, for
+// Parameters.SetFileInformation.DeleteHandle, or null.
+NTSTATUS SetInformationThroughStack(FileObjectRecord* record, const std::shared_ptr<_FLT_INSTANCE>& below,
+                                    HANDLE handle, PVOID buffer, ULONG length, FILE_INFORMATION_CLASS infoClass,
+                                    KPROCESSOR_MODE mode, bool generated);
+
+// A paging write of the cache or memory manager through the stack below the file object's opening
+// instance, in kernel mode, with irpFlags (IRP_PAGING_IO and what goes with it). The file system
+// cuts it at the end of file. *written gets the byte count.
+NTSTATUS SendPagingWrite(FileObjectRecord* record, LONGLONG offset, ULONG length, const void* buffer,
+                         ULONG irpFlags, ULONG* written);
+
+// ---- the cache and memory managers (cachemanager.cpp) ----
+
+inline constexpr ULONG kPageSize = 4096;
+
+// A cached write of [offset, offset + length) made these pages of the file object's cache dirty.
+void MarkCachedPagesDirty(FileObjectRecord* record, LONGLONG offset, ULONG length);
+// The file's end moved to endOfFile through this file object: pages wholly past it leave the cache
+// unwritten, as the cache manager's file sizes follow the file system's.
+void DropCachedPagesBeyond(FileObjectRecord* record, LONGLONG endOfFile);
+// A cache flush: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the write-back of the dirty pages as synchronous
+// paging writes, the file system's flush, IRP_MJ_RELEASE_FOR_CC_FLUSH.
+NTSTATUS FlushCache(FileObjectRecord* record);
 
 // ---- create ----
 

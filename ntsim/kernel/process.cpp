@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "ob_internal.hpp"
+#include "pagemapping.hpp"
 
 namespace ntsim {
 
@@ -67,8 +68,8 @@ Process::~Process()
 
 void* Process::AllocateUserMemory(size_t size)
 {
-    UserBlock block{std::make_unique<UCHAR[]>(size == 0 ? 1 : size), size};
-    void* address = block.bytes.get();
+    UserBlock block{PageMapping::Allocate(size), size};
+    void* address = block.pages->Data();
     std::lock_guard guard(memoryLock_);
     memory_.emplace(reinterpret_cast<uintptr_t>(address), std::move(block));
     return address;
@@ -82,17 +83,42 @@ void Process::FreeUserMemory(void* address)
     }
 }
 
-bool Process::OwnsUserMemory(const void* address, size_t length) const
+const Process::UserBlock* Process::BlockHolding(const void* address, size_t length, size_t* offset) const
 {
     const auto start = reinterpret_cast<uintptr_t>(address);
-    std::lock_guard guard(memoryLock_);
     auto it = memory_.upper_bound(start);
     if (it == memory_.begin()) {
-        return false;
+        return nullptr;
     }
     --it;
-    const uintptr_t offset = start - it->first;
-    return offset < it->second.size && length <= it->second.size - offset;
+    const uintptr_t within = start - it->first;
+    if (within >= it->second.size || length > it->second.size - within) {
+        return nullptr;
+    }
+    *offset = within;
+    return &it->second;
+}
+
+bool Process::OwnsUserMemory(const void* address, size_t length) const
+{
+    std::lock_guard guard(memoryLock_);
+    size_t offset = 0;
+    return BlockHolding(address, length, &offset) != nullptr;
+}
+
+std::unique_ptr<PageMapping> Process::MapUserMemoryAgain(const void* address, size_t length, size_t* offset) const
+{
+    std::lock_guard guard(memoryLock_);
+    size_t within = 0;
+    const UserBlock* block = BlockHolding(address, length, &within);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    std::unique_ptr<PageMapping> view = block->pages->MapAgain();
+    if (view != nullptr) {
+        *offset = within;
+    }
+    return view;
 }
 
 size_t Process::HandleCount() const

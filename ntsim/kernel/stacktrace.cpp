@@ -10,9 +10,18 @@
 #include <cstdlib>
 #include <string_view>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/common_interface_defs.h>
+// GCC announces AddressSanitizer with __SANITIZE_ADDRESS__, clang (before 18) only through
+// __has_feature.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
 #define NTSIM_HAVE_SANITIZER_SYMBOLIZER 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define NTSIM_HAVE_SANITIZER_SYMBOLIZER 1
+#endif
+#if defined(NTSIM_HAVE_SANITIZER_SYMBOLIZER)
+#include <sanitizer/common_interface_defs.h>
 #endif
 
 namespace ntsim::kernel {

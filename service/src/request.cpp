@@ -169,6 +169,12 @@ bool ReadAreaFields(std::span<const uint8_t> bytes, RequestView& view, std::stri
     case SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES:
         view.replyNameCapacity =
             ReadAt<uint32_t>(bytes, offsetof(ServiceRequestMessage, Area.RedirectAttributes.ReplyNameCapacity));
+        // The reply is the capacity and its head: a capacity that leaves no room for the head in
+        // 32 bits would wrap the reply length to a few bytes.
+        if (view.replyNameCapacity > UINT32_MAX - SERVICE_REPLY_LENGTH_OBJECT_REDIRECT_ATTRIBUTES(0)) {
+            error = "name capacity of " + std::to_string(view.replyNameCapacity) + " bytes has no reply length";
+            return false;
+        }
         break;
     case SERVICE_REQUEST_OBJECT_CHANGED:
         view.attributesOnly = ReadAt<uint8_t>(bytes, offsetof(ServiceRequestMessage, Area.Changed.bAttributesOnly)) != 0;

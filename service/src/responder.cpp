@@ -196,17 +196,34 @@ std::optional<std::vector<uint8_t>> ScriptedResponder::Handle(const IncomingRequ
     case ResponderAction::Disconnect:
         CloseThreadPort();
         return std::nullopt;
+    case ResponderAction::AnswerThenDisconnect: {
+        std::lock_guard lock(mutex_);
+        disconnectAfterReply_.insert(request.messageId);
+        break;
+    }
     case ResponderAction::Answer:
         break;
     }
     if (!decoded.request) {
         return EncodeRefusal(request.replyCapacity, kInvalidParameter);
     }
+    if (rule.answerBytes) {
+        return rule.answerBytes(*decoded.request);
+    }
     return EncodeReply(*decoded.request, rule.answer ? rule.answer(*decoded.request) : rule.reply);
 }
 
 void ScriptedResponder::Replied(const IncomingRequest& request, std::optional<HRESULT> replied)
 {
+    bool disconnect = false;
+    {
+        std::lock_guard lock(mutex_);
+        disconnect = disconnectAfterReply_.erase(request.messageId) != 0;
+    }
+    // Before the request counts as handled, so that a test that waited for it finds the port closed.
+    if (disconnect) {
+        CloseThreadPort();
+    }
     {
         std::lock_guard lock(mutex_);
         if (auto it = recordOf_.find(request.messageId); it != recordOf_.end()) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -106,6 +107,146 @@ TEST(FsRtlIsNameInExpression, ManyStarsOnANearMissStayFast)
     const std::string name(4000, 'a');
     EXPECT_FALSE(Matches(expression.c_str(), name.c_str()));
     EXPECT_TRUE(Matches(expression.c_str(), (name + "b").c_str()));
+}
+
+TEST(FsRtlIsNameInExpression, NamesOfSeveralDotsAndEmptyExtensions)
+{
+    // DOS_STAR may take every dot but the name's last one.
+    EXPECT_TRUE(Matches("<.<", "a.b.c.d"));  // "a.b.c", the last dot, "d"
+    EXPECT_TRUE(Matches("<.c", "a.b.c"));
+    EXPECT_FALSE(Matches("<.b", "a.b.c"));
+    EXPECT_FALSE(Matches("<", "a."));
+    EXPECT_FALSE(Matches("<<", "a.b.c"));     // nor can two of them between them
+    EXPECT_TRUE(Matches("><.c", "x.y.c"));   // ".y" holds a dot, but not the last one
+    EXPECT_TRUE(Matches("*", "a.b."));
+
+    // The translation of "*.": names with no extension, an empty extension being none.
+    EXPECT_TRUE(Matches("<\"", "readme"));
+    EXPECT_TRUE(Matches("<\"", "readme."));
+    EXPECT_TRUE(Matches("<\"", "a.b."));
+    EXPECT_FALSE(Matches("<\"", "readme.txt"));
+    EXPECT_TRUE(Matches("<.", "a."));
+    EXPECT_FALSE(Matches("<.", "a"));         // a plain '.' is never optional
+
+    // DOS_QM stops at each dot and at the end, whatever the run of DOS_QMs still holds.
+    EXPECT_TRUE(Matches("a>.txt", "a.txt"));  // the translation of "a?.txt" lists a.txt
+    EXPECT_TRUE(Matches("a>>.t>>", "ab.t"));
+    EXPECT_FALSE(Matches("a>>", "a.b"));
+    EXPECT_FALSE(Matches("a>", "a."));
+    EXPECT_TRUE(Matches("a>\"", "a."));
+    EXPECT_TRUE(Matches(">\">", "."));       // nothing, the dot, nothing
+    EXPECT_FALSE(Matches(">", "."));
+    EXPECT_TRUE(Matches(">\"<.c", "x.y.c"));
+
+    // DOS_DOT is a dot, or nothing once the name has ended; it never skips a dot.
+    EXPECT_TRUE(Matches("a\"\"", "a"));
+    EXPECT_TRUE(Matches("a\"\"", "a."));
+    EXPECT_TRUE(Matches("a\"\"", "a.."));
+    EXPECT_FALSE(Matches("a\"\"", "a..."));
+    EXPECT_FALSE(Matches("a\"c", "ac"));
+}
+
+TEST(FsRtlIsNameInExpression, ExpressionsEndingInWildcards)
+{
+    struct Case {
+        const char* expression;
+        const char* name;
+        bool matches;
+    };
+    const Case cases[] = {
+        {"a*", "a.b.c", true},   {"a?", "a.", true},      {"a?", "a", false},      {"a<", "a.b", false},
+        {"a<", "ab", true},      {"a<", "a", true},       {"a>", "a.", false},     {"a>", "ab", true},
+        {"a\"", "a", true},      {"a\"", "a.", true},     {"a\"", "ab", false},    {"a.*", "a.", true},
+        {"a.<", "a.", true},     {"a.<", "a.b.c", false}, {"a.*", "a.b.c", true},  {"*<", "a.b", true},
+        {"<*", "a.b", true},     {"<?", "a.", true},      {"<>", "a.", false},     {"<\"*", "a.b", true},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Matches(c.expression, c.name), c.matches) << c.expression << " / " << c.name;
+    }
+}
+
+// The documented meaning of each wildcard, written as plain backtracking over the name: the
+// automaton must agree with it on every pair of short names and expressions.
+namespace {
+
+bool MatchesByDefinition(const std::string& e, size_t i, const std::string& n, size_t j, size_t lastDot)
+{
+    if (i == e.size()) {
+        return j == n.size();
+    }
+    const bool atEnd = j == n.size();
+    const bool atDot = !atEnd && n[j] == '.';
+    switch (e[i]) {
+    case '*':
+        for (size_t k = j; k <= n.size(); ++k) {
+            if (MatchesByDefinition(e, i + 1, n, k, lastDot)) {
+                return true;
+            }
+        }
+        return false;
+    case '<':
+        for (size_t k = j; k <= n.size(); ++k) {
+            if (k > j && k - 1 == lastDot) {
+                return false;  // the run would hold the name's last dot
+            }
+            if (MatchesByDefinition(e, i + 1, n, k, lastDot)) {
+                return true;
+            }
+        }
+        return false;
+    case '?':
+        return !atEnd && MatchesByDefinition(e, i + 1, n, j + 1, lastDot);
+    case '>':
+        if (atEnd || atDot) {
+            return MatchesByDefinition(e, i + 1, n, j, lastDot);
+        }
+        return MatchesByDefinition(e, i + 1, n, j + 1, lastDot);
+    case '"':
+        if (atEnd) {
+            return MatchesByDefinition(e, i + 1, n, j, lastDot);
+        }
+        return atDot && MatchesByDefinition(e, i + 1, n, j + 1, lastDot);
+    default:
+        return !atEnd && n[j] == e[i] && MatchesByDefinition(e, i + 1, n, j + 1, lastDot);
+    }
+}
+
+void EachString(const std::string& alphabet, size_t maxLength, const std::function<void(const std::string&)>& visit)
+{
+    std::function<void(std::string)> grow = [&](std::string s) {
+        visit(s);
+        if (s.size() < maxLength) {
+            for (char c : alphabet) {
+                grow(s + c);
+            }
+        }
+    };
+    grow("");
+}
+
+}  // namespace
+
+TEST(FsRtlIsNameInExpression, AgreesWithTheWildcardsDefinitionsOnEveryShortName)
+{
+    std::vector<std::string> names;
+    EachString("a.", 6, [&](const std::string& s) { names.push_back(s); });
+    size_t compared = 0;
+    EachString("a.*?<>\"", 4, [&](const std::string& expression) {
+        if (expression.empty()) {
+            return;
+        }
+        for (const std::string& name : names) {
+            if (name.empty()) {
+                continue;
+            }
+            const size_t dot = name.rfind('.');
+            const bool expected =
+                MatchesByDefinition(expression, 0, name, 0, dot == std::string::npos ? name.size() : dot);
+            ASSERT_EQ(Matches(expression.c_str(), name.c_str()), expected) << expression << " / " << name;
+            ++compared;
+        }
+    });
+    EXPECT_EQ(compared, 2800u * 126u);
 }
 
 TEST(FsRtlDoesNameContainWildCards, FindsEachOfTheFiveWildcards)

@@ -40,6 +40,7 @@ TEST_F(IoPathTest, CleanupComesAtTheLastHandleAndCloseAtTheLastReference)
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     Opened file = Open(u"\\??\\C:\\life.txt");
     ASSERT_EQ(file.status, STATUS_SUCCESS);
+    ASSERT_EQ(Write(file.handle, "data"), STATUS_SUCCESS);
     PFILE_OBJECT fileObject = ntsim::ReferenceFileObjectByHandle(file.handle);
     ASSERT_NE(fileObject, nullptr);
     ClearEvents();
@@ -277,13 +278,14 @@ TEST_F(IoPathTest, DirectoryListingPassesThroughTheFilterWithItsPatternAndFlags)
     ntsim::UnicodeStringHolder pattern(u"*.txt");
     std::vector<std::string> names;
     NTSTATUS status = STATUS_SUCCESS;
+    UserBuffer buffer(256);
     for (bool first = true; status == STATUS_SUCCESS; first = false) {
-        alignas(8) UCHAR buffer[256];
         IO_STATUS_BLOCK ioStatus{};
-        status = NtQueryDirectoryFile(directory.handle, nullptr, nullptr, nullptr, &ioStatus, buffer, sizeof(buffer),
-                                      FileNamesInformation, TRUE, first ? pattern.get() : nullptr, first);
+        status = NtQueryDirectoryFile(directory.handle, nullptr, nullptr, nullptr, &ioStatus, buffer.data(),
+                                      buffer.size(), FileNamesInformation, TRUE, first ? pattern.get() : nullptr,
+                                      first);
         if (status == STATUS_SUCCESS) {
-            auto* entry = reinterpret_cast<FILE_NAMES_INFORMATION*>(buffer);
+            auto* entry = buffer.as<FILE_NAMES_INFORMATION>();
             names.push_back(ntsim::ToUtf8(
                 std::u16string_view(reinterpret_cast<char16_t*>(entry->FileName), entry->FileNameLength / 2)));
         }

@@ -16,6 +16,7 @@
 #include <ntsim/sim/object.hpp>
 #include <ntsim/sim/process.hpp>
 #include <ntsim/sim/text.hpp>
+#include <userbuffer.hpp>
 
 #include <functional>
 #include <memory>

@@ -12,6 +12,7 @@
 #include <ntsim/sim/object.hpp>
 #include <ntsim/sim/process.hpp>
 #include <ntsim/sim/text.hpp>
+#include <userbuffer.hpp>
 
 #include <cstring>
 #include <mutex>
@@ -351,13 +352,13 @@ TEST_F(MupTest, DataNamesListingsAndRenamesGoThroughTheServersOpen)
 
     // A directory listing through the share.
     ASSERT_EQ(Open(u"\\??\\UNC\\127.0.0.1\\C$\\dir", &handle, FILE_OPEN, FILE_DIRECTORY_FILE), STATUS_SUCCESS);
-    alignas(8) UCHAR listing[1024];
-    ASSERT_EQ(NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &ioStatus, listing, sizeof(listing),
+    UserBuffer listing(1024);
+    ASSERT_EQ(NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &ioStatus, listing.data(), listing.size(),
                                    FileNamesInformation, FALSE, nullptr, TRUE),
               STATUS_SUCCESS);
     std::vector<std::string> names;
     for (ULONG offset = 0;;) {
-        auto* entry = reinterpret_cast<FILE_NAMES_INFORMATION*>(listing + offset);
+        auto* entry = reinterpret_cast<FILE_NAMES_INFORMATION*>(listing.data() + offset);
         names.push_back(ntsim::ToUtf8(std::u16string_view(reinterpret_cast<const char16_t*>(entry->FileName),
                                                           entry->FileNameLength / sizeof(WCHAR))));
         if (entry->NextEntryOffset == 0) {
@@ -366,7 +367,7 @@ TEST_F(MupTest, DataNamesListingsAndRenamesGoThroughTheServersOpen)
         offset += entry->NextEntryOffset;
     }
     EXPECT_EQ(names, (std::vector<std::string>{".", "..", "b.txt", "renamed.txt"}));
-    EXPECT_EQ(NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &ioStatus, listing, sizeof(listing),
+    EXPECT_EQ(NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &ioStatus, listing.data(), listing.size(),
                                    FileNamesInformation, FALSE, nullptr, FALSE),
               STATUS_NO_MORE_FILES);
     ASSERT_EQ(NtClose(handle), STATUS_SUCCESS);

@@ -4,6 +4,8 @@
 
 #include <ntsim/sim/text.hpp>
 
+#include <algorithm>
+
 using namespace ntfs_test;
 using ntsim::ToUtf8;
 
@@ -142,6 +144,101 @@ TEST_F(NtfsDirectory, EveryClassPlacesItsFieldsAtThePublishedOffsets)
     }
 }
 
+TEST_F(NtfsDirectory, OnlyNamesThatAreNoShortNamesCarryOneInTheBothClasses)
+{
+    volume->SeedFile(u"\\dir\\readme.txt");
+    volume->SeedFile(u"\\dir\\Quarterly Report.docx");
+    for (FILE_INFORMATION_CLASS infoClass : {FileBothDirectoryInformation, FileIdBothDirectoryInformation}) {
+        SCOPED_TRACE(static_cast<int>(infoClass));
+        auto directory = OpenDirectory(u"\\dir");
+        Listing listing = List(*directory, infoClass, 4096);
+        ASSERT_EQ(listing.names, (std::vector<std::string>{".", "..", "Quarterly Report.docx", "readme.txt"}));
+        std::vector<std::string> shortNames;
+        for (size_t offset = 0;;) {
+            const UCHAR shortNameLength = listing.bytes[offset + 68];
+            shortNames.push_back(NameAt(listing.bytes, offset + 70, shortNameLength));
+            // The rest of the 12-character field is zero.
+            for (size_t at = offset + 70 + shortNameLength; at < offset + 94; ++at) {
+                ASSERT_EQ(listing.bytes[at], 0) << at - offset;
+            }
+            const ULONG next = At<ULONG>(listing.bytes, offset);
+            if (next == 0) {
+                break;
+            }
+            offset += next;
+        }
+        EXPECT_EQ(shortNames, (std::vector<std::string>{"", "", "QUARTE~1.DOC", ""}));
+    }
+}
+
+TEST_F(NtfsDirectory, EveryBufferSizeHandsOutEachRecordOnceAndWritesNothingPastWhatItReturns)
+{
+    const std::vector<std::u16string> files = {u"a", u"Bb", u"Long File Name Number Three.txt", u"c.txt",
+                                               u"dd d", u"\u00e9t\u00e9"};
+    for (const std::u16string& name : files) {
+        volume->SeedFile(u"\\sweep\\" + name);
+    }
+    const std::vector<std::u16string> order = {u".", u"..", u"a", u"Bb", u"c.txt", u"dd d",
+                                               u"Long File Name Number Three.txt", u"\u00e9t\u00e9"};
+    auto align8 = [](size_t value) { return (value + 7) & ~size_t{7}; };
+    const FILE_INFORMATION_CLASS classes[] = {FileDirectoryInformation,     FileFullDirectoryInformation,
+                                              FileBothDirectoryInformation, FileNamesInformation,
+                                              FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
+    for (FILE_INFORMATION_CLASS infoClass : classes) {
+        const size_t fixed = NameOffsetOf(infoClass);
+        const size_t nameLengthAt = infoClass == FileNamesInformation ? 8 : 60;
+        size_t whole = 0;
+        for (const std::u16string& name : order) {
+            whole += align8(fixed + name.size() * 2);
+        }
+        for (size_t length = align8(fixed + 2); length <= whole + 8; ++length) {
+            SCOPED_TRACE("class " + std::to_string(infoClass) + ", buffer of " + std::to_string(length));
+            auto directory = OpenDirectory(u"\\sweep");
+            std::vector<std::u16string> seen;
+            NTSTATUS status = STATUS_SUCCESS;
+            for (int query = 0; query < 20 && status != STATUS_NO_MORE_FILES; ++query) {
+                std::vector<unsigned char> bytes(length + 16, 0xCC);
+                ULONG returned = 0;
+                status = volume->QueryDirectory(*directory, infoClass, bytes.data(), static_cast<ULONG>(length),
+                                                nullptr, 0, 0, &returned);
+                ASSERT_LE(returned, length);
+                const auto written = std::find_if(bytes.begin() + returned, bytes.end(),
+                                                  [](unsigned char byte) { return byte != 0xCC; });
+                ASSERT_EQ(written, bytes.end()) << "written past the returned bytes, at " << written - bytes.begin();
+                if (status == STATUS_BUFFER_OVERFLOW) {
+                    // One record cut short: its whole name's length, and the bytes of it that fit.
+                    ASSERT_EQ(returned, length);
+                    ASSERT_LT(seen.size(), order.size());
+                    const std::u16string& expected = order[seen.size()];
+                    ASSERT_EQ(At<ULONG>(bytes, 0), 0u);
+                    ASSERT_EQ(At<ULONG>(bytes, nameLengthAt), expected.size() * 2);
+                    ASSERT_EQ(std::memcmp(bytes.data() + fixed, expected.data(), length - fixed), 0);
+                    seen.push_back(expected);
+                    continue;
+                }
+                if (status != STATUS_SUCCESS) {
+                    break;
+                }
+                for (size_t offset = 0;;) {
+                    ASSERT_EQ(offset % 8, 0u);
+                    const ULONG nameLength = At<ULONG>(bytes, offset + nameLengthAt);
+                    seen.emplace_back(reinterpret_cast<const char16_t*>(bytes.data() + offset + fixed),
+                                      nameLength / 2);
+                    const ULONG next = At<ULONG>(bytes, offset);
+                    if (next == 0) {
+                        ASSERT_EQ(offset + fixed + nameLength, returned) << "the last record ends the data";
+                        break;
+                    }
+                    ASSERT_EQ(next, align8(fixed + nameLength)) << "records are packed at 8-byte steps";
+                    offset += next;
+                }
+            }
+            EXPECT_EQ(status, STATUS_NO_MORE_FILES);
+            EXPECT_EQ(seen, order);
+        }
+    }
+}
+
 TEST_F(NtfsDirectory, DotEntriesComeFirstThenNamesInUpcasedOrder)
 {
     for (const char16_t* name : {u"\\dir\\b", u"\\dir\\_x", u"\\dir\\A", u"\\dir\\c", u"\\dir\\a1"}) {
@@ -198,6 +295,14 @@ TEST_F(NtfsDirectory, RecordsThatDoNotFitWaitForTheNextQueryUnlessNoneFits)
     EXPECT_EQ(NameAt(partial.bytes, 12, 4), "aa");
     // That record counts as handed out.
     EXPECT_EQ(List(*small, FileNamesInformation, 512).names, (std::vector<std::string>{"bbbb", "cccc"}));
+
+    // An odd length: the returned bytes end in half a character.
+    auto odd = OpenDirectory(u"\\d");
+    Listing half = List(*odd, FileNamesInformation, 17, "????");
+    EXPECT_EQ(half.status, STATUS_BUFFER_OVERFLOW);
+    ASSERT_EQ(half.bytes.size(), 17u);
+    EXPECT_EQ(NameAt(half.bytes, 12, 4), "aa");
+    EXPECT_EQ(half.bytes[16], 'a');
 }
 
 TEST_F(NtfsDirectory, PatternsMatchLongOrShortNamesWithoutRegardToCase)

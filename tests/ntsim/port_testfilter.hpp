@@ -13,6 +13,7 @@
 #include <ntsim/sim/iomanager.hpp>
 #include <ntsim/sim/ports.hpp>
 #include <ntsim/sim/process.hpp>
+#include <userbuffer.hpp>
 
 #include <algorithm>
 #include <cstring>
@@ -260,24 +261,6 @@ protected:
     std::shared_ptr<ntsim::Process> app_;
     std::optional<ntsim::AttachThread> attach_;
     bool loaded_ = false;
-};
-
-// A heap block of the calling thread's process, freed at scope end.
-class UserBuffer {
-public:
-    explicit UserBuffer(size_t size) : size_(size), bytes_(static_cast<UCHAR*>(HeapAlloc(GetProcessHeap(), 0, size))) {}
-    ~UserBuffer() { HeapFree(GetProcessHeap(), 0, bytes_); }
-    UserBuffer(const UserBuffer&) = delete;
-    UserBuffer& operator=(const UserBuffer&) = delete;
-
-    UCHAR* data() const { return bytes_; }
-    DWORD size() const { return static_cast<DWORD>(size_); }
-    template <typename T>
-    T* as() const { return reinterpret_cast<T*>(bytes_); }
-
-private:
-    size_t size_;
-    UCHAR* bytes_;
 };
 
 // The loaded test filter with the service connected on one port, and the service's reply.

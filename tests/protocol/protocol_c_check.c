@@ -6,3 +6,4 @@
 
 /* The port name is UTF-16 text in C as in C++. */
 static_assert(sizeof(FOLDERMERGE_PORT_NAME[0]) == 2, "FOLDERMERGE_PORT_NAME is UTF-16");
+static_assert(sizeof(DIRTY_BLOCK_STREAM_NAME[0]) == 2, "DIRTY_BLOCK_STREAM_NAME is UTF-16");

@@ -217,6 +217,21 @@ TEST(RequestDecoding, BytesThatAreNoRequestAreRefusedWithAReason)
     EXPECT_FALSE(hugeListing.Error().empty());
 }
 
+TEST(RequestDecoding, ARedirectionCapacityWhoseReplyLengthWouldWrapIsRefused)
+{
+    // Capacity + 24 must fit in 32 bits: one byte more would make a reply of a few bytes, too short
+    // for the head that the reply's encoding writes.
+    Message largest(SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES, kSid, kPath);
+    largest.Put<uint32_t>(560, 0xFFFFFFFFu - 24);
+    EXPECT_EQ(largest.Decode().ReplyLength(), 0xFFFFFFFFu);
+
+    for (uint32_t capacity : {0xFFFFFFFFu - 23, 0xFFFFFFF0u, 0xFFFFFFFFu}) {
+        Message wrapping(SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES, kSid, kPath);
+        wrapping.Put<uint32_t>(560, capacity);
+        EXPECT_NE(wrapping.Error().find("no reply length"), std::string::npos) << capacity;
+    }
+}
+
 // ---- encoding ----
 
 TEST(ReplyEncoding, EveryCodeHasItsExactLengthAndStatusUpFront)

@@ -13,6 +13,8 @@
 #include <ntsim/sim/text.hpp>
 
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -91,10 +93,15 @@ public:
     {
         return Step(std::string("NtQueryDirectoryFile FileDirectoryInformation") + (restart ? ", restart scan" : ""),
                     [&](std::string* result) {
-                        alignas(8) UCHAR buffer[2048];
+                        // A user-mode caller lists into its own memory: the I/O manager probes the buffer.
+                        ntsim::Process& process = ntsim::CurrentProcess();
+                        const std::unique_ptr<UCHAR, std::function<void(UCHAR*)>> listing(
+                            static_cast<UCHAR*>(process.AllocateUserMemory(2048)),
+                            [&process](UCHAR* block) { process.FreeUserMemory(block); });
+                        const UCHAR* buffer = listing.get();
                         IO_STATUS_BLOCK ioStatus{};
                         NTSTATUS status =
-                            NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &ioStatus, buffer, sizeof(buffer),
+                            NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &ioStatus, listing.get(), 2048,
                                                  FileDirectoryInformation, FALSE, nullptr, restart ? TRUE : FALSE);
                         if (!NT_SUCCESS(status)) {
                             return status;

@@ -493,6 +493,17 @@ VOID FLTAPI FltSetCallbackDataDirty(PFLT_CALLBACK_DATA Data);
 VOID FLTAPI FltClearCallbackDataDirty(PFLT_CALLBACK_DATA Data);
 BOOLEAN FLTAPI FltIsCallbackDataDirty(PFLT_CALLBACK_DATA Data);
 
+// Locks the pages of an operation's buffer and describes them by an MDL in the parameters
+// (Parameters.DirectoryControl.QueryDirectory.MdlAddress), so that a post-operation can reach the
+// buffer through MmGetSystemAddressForMdlSafe in any context. The buffer is probed in the request's
+// mode: a user-mode caller's buffer must be its own user memory, else the probe's status
+// (STATUS_ACCESS_VIOLATION) is returned and nothing changes. The MDL belongs to the operation: the
+// filters above see it in their post-operations, the file system writes through it, and the I/O
+// manager unlocks and frees it when the operation completes. STATUS_SUCCESS without a new MDL when
+// one is there already, or for a system buffer or an empty one. Directory control only (other
+// operations report NOT_IMPLEMENTED). At or below APC_LEVEL.
+NTSTATUS FLTAPI FltLockUserBuffer(PFLT_CALLBACK_DATA CallbackData);
+
 // Volume names: "\Device\HarddiskVolume2". With a null VolumeName, or one too short,
 // STATUS_BUFFER_TOO_SMALL and *BufferSizeNeeded (if given) the size in bytes.
 NTSTATUS FLTAPI FltGetVolumeName(PFLT_VOLUME Volume, PUNICODE_STRING VolumeName, PULONG BufferSizeNeeded);

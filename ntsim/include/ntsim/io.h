@@ -13,6 +13,7 @@
 #include "ps.h"        // PETHREAD, PEPROCESS
 #include "se.h"        // IO_SECURITY_CONTEXT, ACCESS_STATE
 #include "ob.h"        // POBJECT_TYPE
+#include "mm.h"        // MDL
 
 #ifndef POINTER_ALIGNMENT
 #define POINTER_ALIGNMENT __attribute__((aligned(8)))
@@ -343,7 +344,9 @@ NTSYSAPI NTSTATUS NTAPI ZwOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess
 // ByteOffset null (or FILE_USE_FILE_POINTER_POSITION) uses and advances the file object's
 // CurrentByteOffset, which needs a file opened for synchronous I/O. A cached read or write on a
 // file object whose cache is set up (PrivateCacheMap) tries fast I/O first, and comes as an IRP
-// when the fast path is refused.
+// when the fast path is refused. The IRP carries IRP_NOCACHE when the file was opened with
+// FILE_NO_INTERMEDIATE_BUFFERING (such I/O never goes fast), and IRP_SYNCHRONOUS_API when it was
+// opened for synchronous I/O.
 NTSYSAPI NTSTATUS NTAPI NtReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                    PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                                    PLARGE_INTEGER ByteOffset, PULONG Key);
@@ -367,9 +370,13 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLO
                                                PVOID FileInformation, ULONG Length,
                                                FILE_INFORMATION_CLASS FileInformationClass);
 
-// FilePositionInformation is kept by the I/O manager; FileRenameInformation and
-// FileLinkInformation open the target's parent directory (SL_OPEN_TARGET_DIRECTORY) through the
-// whole stack first, and hand it to the operation as ParentOfTarget.
+// FilePositionInformation is kept by the I/O manager. A buffer shorter than its class's fixed part
+// fails with STATUS_INFO_LENGTH_MISMATCH, and a handle without the class's access (DELETE for a
+// rename or a disposition, FILE_WRITE_DATA for a size, FILE_WRITE_ATTRIBUTES for basic
+// information; none for a hard link) with STATUS_ACCESS_DENIED, before any filter sees the request.
+// A rename or link (and their Ex forms) to a full path, or relative to RootDirectory, opens the
+// target's directory (SL_OPEN_TARGET_DIRECTORY) through the stack first, and hands it to the
+// operation as ParentOfTarget; a bare name is in the source's own directory, ParentOfTarget null.
 NTSYSAPI NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                              PVOID FileInformation, ULONG Length,
                                              FILE_INFORMATION_CLASS FileInformationClass);
@@ -377,6 +384,14 @@ NTSYSAPI NTSTATUS NTAPI ZwSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK
                                              PVOID FileInformation, ULONG Length,
                                              FILE_INFORMATION_CLASS FileInformationClass);
 
+// Directory queries. Before any filter sees one, the I/O manager refuses a class that is no
+// directory class (STATUS_INVALID_INFO_CLASS) and a buffer shorter than the class's record with a
+// one-character name (STATUS_INFO_LENGTH_MISMATCH), and for a user-mode caller probes the buffer for
+// writing (the probe's exception status). The buffer is not copied: the file system, and a filter's
+// post-operation, write the records at the caller's own address (DirectoryBuffer), or through the
+// system's view of an MDL when one describes it (MdlAddress: FltLockUserBuffer makes one).
+// FILE_QUERY_INDEX_SPECIFIED is refused (STATUS_INVALID_PARAMETER): only a driver's own request
+// names an index.
 NTSYSAPI NTSTATUS NTAPI NtQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
                                              PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock,
                                              PVOID FileInformation, ULONG Length,
@@ -407,6 +422,23 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryDirectoryFileEx(HANDLE FileHandle, HANDLE Event, 
                                                FILE_INFORMATION_CLASS FileInformationClass, ULONG QueryFlags,
                                                PUNICODE_STRING FileName);
 
+// Change notification (IRP_MN_NOTIFY_CHANGE_DIRECTORY) is not modelled: these report
+// NOT_IMPLEMENTED by name.
+#define FILE_NOTIFY_CHANGE_FILE_NAME 0x00000001
+#define FILE_NOTIFY_CHANGE_DIR_NAME 0x00000002
+#define FILE_NOTIFY_CHANGE_ATTRIBUTES 0x00000004
+#define FILE_NOTIFY_CHANGE_SIZE 0x00000008
+#define FILE_NOTIFY_CHANGE_LAST_WRITE 0x00000010
+#define FILE_NOTIFY_CHANGE_LAST_ACCESS 0x00000020
+#define FILE_NOTIFY_CHANGE_CREATION 0x00000040
+#define FILE_NOTIFY_CHANGE_SECURITY 0x00000100
+NTSYSAPI NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                                    PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
+                                                    ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree);
+NTSYSAPI NTSTATUS NTAPI ZwNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                                    PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
+                                                    ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree);
+
 NTSYSAPI NTSTATUS NTAPI NtQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
                                       BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex,
                                       BOOLEAN RestartScan);
@@ -414,9 +446,9 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStat
                                       BOOLEAN ReturnSingleEntry, PVOID EaList, ULONG EaListLength, PULONG EaIndex,
                                       BOOLEAN RestartScan);
 
-// IRP_MJ_FLUSH_BUFFERS; the file system's flush of cached data runs between the acquire and
-// the release for a cache flush, which filters see as IRP_MJ_ACQUIRE_FOR_CC_FLUSH and
-// IRP_MJ_RELEASE_FOR_CC_FLUSH.
+// IRP_MJ_FLUSH_BUFFERS; the file system's flush of cached data (the write-back of dirty pages as
+// synchronous paging writes) runs between the acquire and the release for a cache flush, which
+// filters see as IRP_MJ_ACQUIRE_FOR_CC_FLUSH and IRP_MJ_RELEASE_FOR_CC_FLUSH.
 NTSYSAPI NTSTATUS NTAPI NtFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
 NTSYSAPI NTSTATUS NTAPI ZwFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
 
@@ -436,5 +468,13 @@ NTSYSAPI NTSTATUS NTAPI ZwQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttri
 // ---- kernel I/O routines ----
 // The device a request on this file object goes to: the volume's device.
 NTKERNELAPI PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
+
+// An MDL for [VirtualAddress, VirtualAddress + Length), from non-paged pool, its pages not yet
+// locked; null when the pool refuses it or the buffer spans too many pages for one MDL. ntsim has
+// no IRPs to attach it to: Irp must be null. At or below DISPATCH_LEVEL.
+NTKERNELAPI PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
+                               PIRP Irp);
+// Frees an MDL that IoAllocateMdl made. Its pages must be unlocked first (MmUnlockPages).
+NTKERNELAPI VOID IoFreeMdl(PMDL Mdl);
 
 }  // extern "C"

@@ -96,6 +96,7 @@
 
 // Exceptions, security and objects.
 #define STATUS_DATATYPE_MISALIGNMENT     ((NTSTATUS)0x80000002L)
+#define STATUS_WORKING_SET_QUOTA         ((NTSTATUS)0xC00000A1L)
 #define STATUS_INVALID_SID               ((NTSTATUS)0xC0000078L)
 
 // Communication ports.

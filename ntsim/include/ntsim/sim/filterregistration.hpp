@@ -36,6 +36,8 @@ inline constexpr UCHAR kEveryOperation[] = {
     IRP_MJ_NETWORK_QUERY_OPEN,
     IRP_MJ_ACQUIRE_FOR_CC_FLUSH,
     IRP_MJ_RELEASE_FOR_CC_FLUSH,
+    IRP_MJ_ACQUIRE_FOR_MOD_WRITE,
+    IRP_MJ_RELEASE_FOR_MOD_WRITE,
 };
 
 // An operation registration array of Count operations and its IRP_MJ_OPERATION_END entry.

@@ -1,7 +1,7 @@
 // The control side of ntsim's I/O manager and Filter Manager, for tests, the simulator and other
 // ntsim components: mounting volumes, loading and unloading filter drivers, and issuing the I/O
-// that no native API call produces on demand (paging and non-cached writes after cleanup, fast
-// I/O attempts, a lazy-writer flush, a directory query at an index).
+// that no native API call produces on demand (paging writes after cleanup, fast I/O attempts, the
+// lazy writer's and the modified page writer's writes, a directory query at an index).
 //
 // Everything runs in the calling thread, as the simulated thread it is (see sim/process.hpp):
 // its process, token and previous mode are what the filters see. Calls are synchronous.
@@ -75,14 +75,17 @@ PFILE_OBJECT ReferenceFileObjectByHandle(HANDLE handle);
 
 struct IoRequest {
     // IRP_NOCACHE, IRP_PAGING_IO, IRP_SYNCHRONOUS_PAGING_IO: what the request claims to be. Paging
-    // and non-cached I/O may be sent after cleanup, as the cache and memory managers do.
+    // I/O is always non-cached, comes in kernel mode and may be sent after cleanup, as the cache and
+    // memory managers do. Any other request gets IRP_NOCACHE and IRP_SYNCHRONOUS_API from the file
+    // object, as a caller's would.
     ULONG irpFlags = 0;
     // Try the fast path first (cached I/O only). A filter that answers FLT_PREOP_DISALLOW_FASTIO
     // refuses it, and the same request comes again as an IRP.
     bool fastIo = false;
 };
 
-// Read or write at an explicit offset, through every filter. *transferred gets the byte count.
+// Read or write at an explicit offset, through every filter (below the file object's opening
+// instance, if a filter opened it). *transferred gets the byte count.
 NTSTATUS IoReadFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, void* buffer, const IoRequest& request,
                     ULONG* transferred);
 NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* buffer,
@@ -92,7 +95,9 @@ NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, con
 NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned);
 
 // IRP_MJ_DIRECTORY_CONTROL / IRP_MN_QUERY_DIRECTORY with any stack flags (SL_RESTART_SCAN,
-// SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null.
+// SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null. A driver's own
+// request, in the calling thread's previous mode: NtQueryDirectoryFile's checks of the class, the
+// length and the buffer are not made.
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
 
@@ -102,10 +107,29 @@ NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS in
 NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
                             bool fastIo);
 
-// A cache flush as the lazy writer or a mapped-page flush makes it, in the calling thread and
-// with its previous mode: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the file system's flush, then
-// IRP_MJ_RELEASE_FOR_CC_FLUSH. A filter that completes the acquire with a failure fails the
-// flush with that status (the release is not sent).
+// The cache. A cached write (neither paging nor non-cached) leaves the pages it changed dirty in
+// the file object's cache; the write-back of those pages comes as synchronous paging writes of
+// whole pages (IRP_PAGING_IO | IRP_NOCACHE | IRP_SYNCHRONOUS_PAGING_IO, kernel mode) on that file
+// object, which the file system cuts at the end of file. A change of the end of file through the
+// file object drops its pages past the new end unwritten. A close forgets pages never written
+// back: their data is on the volume already.
+
+// A cache flush, as a flush of the file or of a mapped view makes it, in the calling thread and
+// with its previous mode: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the write-back of the dirty pages, the file
+// system's flush, then IRP_MJ_RELEASE_FOR_CC_FLUSH. A filter that completes the acquire with a
+// failure fails the flush with that status (nothing is written, the release is not sent).
 NTSTATUS IoFlushCache(PFILE_OBJECT fileObject);
+
+// The lazy writer's write-behind of the file object: IoFlushCache with the kernel previous mode of
+// the lazy writer's system thread (the calling thread keeps its process).
+NTSTATUS IoLazyWrite(PFILE_OBJECT fileObject);
+
+// A process changed `length` bytes at `offset` through a mapped view of the file, and the modified
+// page writer writes out the pages that hold them, in kernel mode: IRP_MJ_ACQUIRE_FOR_MOD_WRITE
+// (EndingOffset the end of the last page; no resource to release), an IRP_MJ_WRITE of those whole
+// pages with IRP_PAGING_IO | IRP_NOCACHE (an asynchronous page write, done before the call
+// returns), IRP_MJ_RELEASE_FOR_MOD_WRITE. A mapped view never extends the file: what lies past the
+// end of file is cut. A filter that fails the acquire fails the write with its status.
+NTSTATUS IoWriteModifiedPages(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* data);
 
 }  // namespace ntsim

@@ -45,6 +45,8 @@ namespace ob {
 class HandleTable;
 }
 
+class PageMapping;
+
 // ---- tokens ----
 
 class Token : public std::enable_shared_from_this<Token> {
@@ -113,6 +115,12 @@ public:
     void FreeUserMemory(void* address);
     // True when [address, address + length) lies inside one live block of this process.
     bool OwnsUserMemory(const void* address, size_t length) const;
+    // The memory manager's second view of the block that holds [address, address + length) (which
+    // must lie inside one live block of this process), as a locked MDL maps it: the same pages at
+    // another address, outside every process's user memory, valid until the view is destroyed even
+    // if the block is freed. *offset receives address's offset in the view. Null when the range is
+    // not this process's user memory or the host refuses the view.
+    std::unique_ptr<PageMapping> MapUserMemoryAgain(const void* address, size_t length, size_t* offset) const;
 
     // The process's handle table (the object manager's).
     ob::HandleTable& Handles() { return *handles_; }
@@ -125,12 +133,17 @@ private:
     std::shared_ptr<Token> primaryToken_;
     KPROCESSOR_MODE mode_;
     std::unique_ptr<ob::HandleTable> handles_;
+    // Blocks are whole pages of their own (kernel/pagemapping.hpp), so that a locked range can be
+    // seen at a second address.
     struct UserBlock {
-        std::unique_ptr<UCHAR[]> bytes;
+        std::unique_ptr<PageMapping> pages;
         size_t size = 0;
     };
     mutable std::mutex memoryLock_;
     std::map<uintptr_t, UserBlock> memory_;  // by start address
+    // The block that holds [address, address + length), and address's offset in it; null when no
+    // block does. memoryLock_ held.
+    const UserBlock* BlockHolding(const void* address, size_t length, size_t* offset) const;
 };
 
 std::shared_ptr<Process> CreateProcess(ProcessOptions options = {});

@@ -55,6 +55,12 @@ inline constexpr std::string_view kLockHeldDuringWait = "LOCK_HELD_DURING_SERVIC
 inline constexpr std::string_view kLockHeldOnReturn = "LOCK_HELD_ON_RETURN";
 inline constexpr std::string_view kThreadExitedHoldingState = "THREAD_EXITED_WITH_KERNEL_STATE";
 inline constexpr std::string_view kNotImplemented = "NOT_IMPLEMENTED";
+// Memory descriptor lists: a pointer that is no live MDL of IoAllocateMdl, an MDL freed while its pages
+// are locked, pages locked twice, and a mapping or unlock of pages that are not locked.
+inline constexpr std::string_view kMdlBadObject = "MDL_BAD_OBJECT";
+inline constexpr std::string_view kMdlFreedWithPagesLocked = "MDL_FREED_WITH_PAGES_LOCKED";
+inline constexpr std::string_view kMdlPagesAlreadyLocked = "MDL_PAGES_ALREADY_LOCKED";
+inline constexpr std::string_view kMdlPagesNotLocked = "MDL_PAGES_NOT_LOCKED";
 }  // namespace rules
 
 // Reports a violation of rule. Without a capture scope: prints the rule, the detail, the current

@@ -92,7 +92,7 @@ public:
     // without SL_RESTART_SCAN (a restart only moves the scan back to the start, and its first query
     // that finds nothing again says STATUS_NO_SUCH_FILE). When not even the first record fits, its
     // fixed part and what fits of its name are returned with STATUS_BUFFER_OVERFLOW and the record
-    // counts as handed out. FileIndex is the entry's 1-based position in the listing ("." and ".."
+    // counts as handed out; a buffer shorter than the fixed part gives STATUS_INFO_LENGTH_MISMATCH. FileIndex is the entry's 1-based position in the listing ("." and ".."
     // first), and SL_INDEX_SPECIFIED resumes after that position. A non-directory open gives
     // STATUS_INVALID_PARAMETER.
     virtual NTSTATUS QueryDirectory(VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, void* buffer,

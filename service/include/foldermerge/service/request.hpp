@@ -7,7 +7,8 @@
 //
 // The decoder checks what a reader must not trust: the head is whole, MessageLength is the number
 // of bytes received, the strings lie inside the message and have even lengths, the SID and the
-// search pattern end inside their fields, and the code is one the filter sends.
+// search pattern end inside their fields, the code is one the filter sends, and the reply length
+// that the code gives (a listing's or a redirection name's) fits in 32 bits.
 #pragma once
 
 #include <servicemessages.h>

@@ -34,6 +34,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,9 @@ enum class ResponderAction {
     Answer,      // reply with the rule's content
     NoAnswer,    // take the request and never answer: the filter waits until its time-out
     Disconnect,  // close the Thread port without answering
+    // reply with the rule's content, then close the Thread port at once: the reply and the end of
+    // the connection race to the filter's waiting thread
+    AnswerThenDisconnect,
 };
 
 struct ResponderRule {
@@ -52,6 +56,9 @@ struct ResponderRule {
     ReplyContent reply;                  // for ResponderAction::Answer
     // Computes the reply from the request instead of `reply`, when set.
     std::function<ReplyContent(const RequestView&)> answer;
+    // Computes the reply's bytes as they go out, of any length, instead of encoding one, when set:
+    // for replies that no well-behaved service writes.
+    std::function<std::vector<uint8_t>(const RequestView&)> answerBytes;
     LONGLONG delay = 0;  // virtual time, in 100 ns units, before the service acts
     ResponderAction action = ResponderAction::Answer;
     std::optional<size_t> uses;  // requests the rule serves; all when empty
@@ -136,6 +143,7 @@ private:
     std::vector<ResponderRule> rules_;
     std::vector<RecordedRequest> requests_;
     std::map<ULONGLONG, size_t> recordOf_;  // message id -> index in requests_, until dealt with
+    std::set<ULONGLONG> disconnectAfterReply_;  // message ids answered with AnswerThenDisconnect
     size_t requestCount_ = 0;
     size_t handledCount_ = 0;
 
