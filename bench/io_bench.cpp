@@ -276,23 +276,33 @@ void BM_CreateCloseFolderMerge(benchmark::State& state, FolderMergeSetting setti
     CreateAndCloseEach(state, path);
     state.counters["events"] = static_cast<double>(folderMerge.TakeEvents()) / static_cast<double>(state.iterations());
 }
-BENCHMARK_CAPTURE(BM_CreateCloseFolderMerge, Outside0Folders, FolderMergeSetting{}, kOutsideFile)
-    ->ComputeStatistics("min", Fastest);
-BENCHMARK_CAPTURE(BM_CreateCloseFolderMerge, Outside0FoldersTracing, FolderMergeSetting{.tracing = true},
-                  kOutsideFile)
-    ->ComputeStatistics("min", Fastest);
-BENCHMARK_CAPTURE(BM_CreateCloseFolderMerge, Outside50Folders, FolderMergeSetting{.fiftyFolders = true},
-                  kOutsideFile)
-    ->ComputeStatistics("min", Fastest);
-BENCHMARK_CAPTURE(BM_CreateCloseFolderMerge, Outside50FoldersTracing,
-                  FolderMergeSetting{.fiftyFolders = true, .tracing = true}, kOutsideFile)
-    ->ComputeStatistics("min", Fastest);
-BENCHMARK_CAPTURE(BM_CreateCloseFolderMerge, Managed50Folders, FolderMergeSetting{.fiftyFolders = true},
-                  kManagedFile)
-    ->ComputeStatistics("min", Fastest);
-BENCHMARK_CAPTURE(BM_CreateCloseFolderMerge, Managed50FoldersTracing,
-                  FolderMergeSetting{.fiftyFolders = true, .tracing = true}, kManagedFile)
-    ->ComputeStatistics("min", Fastest);
+// FolderMerge's cases: where the open is, and the filter's setting.
+struct FolderMergeCase {
+    const char* name;
+    FolderMergeSetting setting;
+    std::u16string_view path;
+};
+
+constexpr FolderMergeCase kFolderMergeCases[] = {
+    {.name = "Outside0Folders", .setting = {}, .path = kOutsideFile},
+    {.name = "Outside0FoldersTracing", .setting = {.tracing = true}, .path = kOutsideFile},
+    {.name = "Outside50Folders", .setting = {.fiftyFolders = true}, .path = kOutsideFile},
+    {.name = "Outside50FoldersTracing", .setting = {.fiftyFolders = true, .tracing = true}, .path = kOutsideFile},
+    {.name = "Managed50Folders", .setting = {.fiftyFolders = true}, .path = kManagedFile},
+    {.name = "Managed50FoldersTracing", .setting = {.fiftyFolders = true, .tracing = true}, .path = kManagedFile},
+};
+
+void RegisterFolderMergeCases()
+{
+    for (const FolderMergeCase& folderMergeCase : kFolderMergeCases) {
+        benchmark::RegisterBenchmark(
+            (std::string("BM_CreateCloseFolderMerge/") + folderMergeCase.name).c_str(),
+            [folderMergeCase](benchmark::State& state) {
+                BM_CreateCloseFolderMerge(state, folderMergeCase.setting, folderMergeCase.path);
+            })
+            ->ComputeStatistics("min", Fastest);
+    }
+}
 
 // NtWriteFile of 4096 bytes at offset 0 of an open file.
 void BM_Write4KiB(benchmark::State& state, bool withFilter)
@@ -393,6 +403,7 @@ bool ReportRatios(const RatioCollector& collector)
 
 int main(int argc, char** argv)
 {
+    RegisterFolderMergeCases();
     // Repetitions interleaved in random order unless the command line says otherwise (a flag given
     // later wins).
     std::vector<char*> arguments(argv, argv + argc);
