@@ -123,9 +123,26 @@ std::shared_ptr<_FLT_VOLUME> VolumeOfDevice(PDEVICE_OBJECT device);
 std::shared_ptr<_FLT_FILTER> FilterOf(PFLT_FILTER filter);
 std::shared_ptr<_FLT_INSTANCE> InstanceOf(PFLT_INSTANCE instance);
 
+// The instances that one operation visits, highest first, each kept alive until the operation is
+// done. A volume has few instances: up to kInline of them are held without a heap allocation, so
+// that the walk of an operation through them allocates nothing, as the Filter Manager's own walk.
+class InstanceSnapshot {
+public:
+    void Add(const std::shared_ptr<_FLT_INSTANCE>& instance);
+    const std::shared_ptr<_FLT_INSTANCE>* begin() const { return spilled_.empty() ? held_.data() : spilled_.data(); }
+    const std::shared_ptr<_FLT_INSTANCE>* end() const { return begin() + count_; }
+    size_t size() const { return count_; }
+
+private:
+    static constexpr size_t kInline = 4;
+    std::array<std::shared_ptr<_FLT_INSTANCE>, kInline> held_;
+    std::vector<std::shared_ptr<_FLT_INSTANCE>> spilled_;  // all of them, once there are more
+    size_t count_ = 0;
+};
+
 // The instances of volume that an operation visits: all attached ones, or only those below
 // `below` (by altitude) when it is given. Highest first.
-std::vector<std::shared_ptr<_FLT_INSTANCE>> InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below);
+InstanceSnapshot InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below);
 
 // Offers volume to filter: instance setup, and the instance's attachment on success.
 void SetupInstance(const std::shared_ptr<_FLT_FILTER>& filter, const std::shared_ptr<_FLT_VOLUME>& volume,

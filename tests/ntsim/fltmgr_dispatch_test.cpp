@@ -26,6 +26,25 @@ TEST_F(DispatchTest, PreCallbacksRunFromTheHighestAltitudeAndPostsFromTheLowest)
     EXPECT_EQ(Sequence(IRP_MJ_CLOSE), (Strings{"A pre", "B pre", "B post", "A post"}));
 }
 
+TEST_F(DispatchTest, AVolumeWithMoreFiltersThanASnapshotHoldsInlineKeepsTheirOrder)
+{
+    // Six filters, loaded in no order: every operation visits all six, highest first.
+    ASSERT_EQ(TestFilter<4>::Load(u"320000"), STATUS_SUCCESS);
+    ASSERT_EQ(FilterA::Load(u"385100"), STATUS_SUCCESS);
+    ASSERT_EQ(TestFilter<5>::Load(u"140000"), STATUS_SUCCESS);
+    ASSERT_EQ(TestFilter<2>::Load(u"370000"), STATUS_SUCCESS);
+    ASSERT_EQ(FilterB::Load(u"380000"), STATUS_SUCCESS);
+    ASSERT_EQ(TestFilter<3>::Load(u"360000"), STATUS_SUCCESS);
+
+    Opened file = Open(u"\\??\\C:\\six.txt");
+    ASSERT_EQ(file.status, STATUS_SUCCESS);
+    const Strings order = {"A pre", "B pre", "C pre", "D pre", "E pre", "F pre",
+                           "F post", "E post", "D post", "C post", "B post", "A post"};
+    EXPECT_EQ(Sequence(IRP_MJ_CREATE), order);
+    ASSERT_EQ(NtClose(file.handle), STATUS_SUCCESS);
+    EXPECT_EQ(Sequence(IRP_MJ_CLOSE), order);
+}
+
 TEST_F(DispatchTest, CompletionContextReachesOnlyThePostOfTheFilterThatGaveIt)
 {
     static int contextOfA;
