@@ -113,3 +113,62 @@ NTSTATUS WriteDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNIC
 // through the whole I/O stack. STATUS_INSUFFICIENT_RESOURCES, traced, when the stream's path can't
 // be built; else the status of the delete. IRQL: PASSIVE_LEVEL.
 NTSTATUS DeleteDirtyBlockADS(PCUNICODE_STRING pPath);
+
+// Writes a copy of a shared record's map, taken under its lock, to the stream of the file at
+// pPath as WriteDirtyBlockMap does: the record goes on being marked meanwhile. For the saves made
+// while the record has holders (the cleanup of one open). STATUS_INSUFFICIENT_RESOURCES, with
+// nothing written, when the copy can't be made. IRQL: PASSIVE_LEVEL.
+NTSTATUS WriteStableDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNICODE_STRING pPath,
+                                  TrackedDirtyBlockFile* pRecord);
+
+// ---- the block map (blockmap.cpp) ----
+
+// Marks the blocks of a write of ulLength bytes at llOffset: from the block of its first byte to
+// the block of the byte just past it, so a write ending on a block boundary marks the next block
+// too, and a write of length 0 marks one block. The map grows to hold the last block. Each bit
+// that goes from clear to set adds 1 to dirtyBlockCount. With no memory to grow the map nothing is
+// marked. An offset the map can't place (below 0, the special values for the end of file and the
+// current position; or a range reaching 2^44 bytes) marks the whole map and sets bTrackingFailed.
+// Nothing reaches the write's caller. IRQL: <= DISPATCH_LEVEL; takes the record's lock.
+VOID MarkBlockDirty(TrackedDirtyBlockFile* pRecord, LONGLONG llOffset, ULONG ulLength);
+
+// Follows a change of the end of file from llOldEndOfFile to llNewEndOfFile. Growing marks the
+// old last block and every new one; shrinking, or a change within one block, adds the number of
+// blocks cut off to dirtyBlockCount and changes no bit. The map grows to hold the new last block,
+// and nothing changes when it can't. A negative end of file, which the file system refuses,
+// changes nothing; one at 2^44 bytes or beyond marks the whole map and sets bTrackingFailed.
+// IRQL: <= DISPATCH_LEVEL; takes the record's lock.
+VOID DirtyBlockSetEOF(TrackedDirtyBlockFile* pRecord, LONGLONG llOldEndOfFile, LONGLONG llNewEndOfFile);
+
+// Grows the map, zero-filled, to twice ulByteIndex when ulByteIndex is not inside it.
+// STATUS_INSUFFICIENT_RESOURCES with the map unchanged when there is no memory. The caller holds
+// the record's lock. IRQL: <= DISPATCH_LEVEL.
+NTSTATUS ResizeMap(TrackedDirtyBlockFile* pRecord, ULONG ulByteIndex);
+
+// Marks the blocks ulFirstBlock to ulLastBlock, both included (nothing when the first is greater),
+// counting each bit that was clear. A block past the map stops the marking with
+// STATUS_BUFFER_OVERFLOW; the blocks before it stay marked. The caller holds the record's lock.
+// IRQL: <= DISPATCH_LEVEL.
+NTSTATUS MarkBlocksDirty(TrackedDirtyBlockFile* pRecord, ULONG ulFirstBlock, ULONG ulLastBlock);
+
+// ---- the service's queries (queries.cpp) ----
+
+// Control message REQUEST_DIRTY_BLOCK_MAP: the map of the file whose device path the message
+// carries (open or not: a record is loaded for the query when there is none), copied into the
+// reply and cleared with the count and the flag in one step under the record's lock, so that
+// every write lands either in the reply or in the cleared map; the stream then says the same.
+// pMessage is the service's memory, ulMessageLength bytes, read under a guard; the path must end
+// with a zero character inside the message. pOutput is a zeroed kernel buffer of ulOutputLength
+// bytes; *pulReplyLength gets the reply's length (the map's length + 12). STATUS_BUFFER_TOO_SMALL
+// with nothing changed when the map doesn't fit; STATUS_INVALID_PARAMETER for a message without a
+// whole path; STATUS_INSUFFICIENT_RESOURCES without memory for the path; else the status of
+// finding the volume or the record. IRQL: PASSIVE_LEVEL.
+NTSTATUS RequestDirtyBlockMap(PVOID pMessage, ULONG ulMessageLength, PVOID pOutput, ULONG ulOutputLength,
+                              PULONG pulReplyLength);
+
+// Control message REQUEST_DIRTY_BLOCK_COUNT: the count and the flag of the file (an 8-byte reply).
+// With bReset the map and the count are cleared in the same step, the flag kept, and the stream
+// written as for a map query; without it nothing changes. Results as for RequestDirtyBlockMap.
+// IRQL: PASSIVE_LEVEL.
+NTSTATUS RequestDirtyBlockCount(PVOID pMessage, ULONG ulMessageLength, PVOID pOutput, ULONG ulOutputLength,
+                                PULONG pulReplyLength);

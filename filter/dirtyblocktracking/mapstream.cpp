@@ -60,10 +60,10 @@ NTSTATUS ReadDirtyBlockMapFromADS(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, 
     ULONG ulBytesRead = 0;
     NTSTATUS status;
 
-    TRACE_INFO("[ENTER] - [%wZ]", pStreamPath);
-    if (pRecord == nullptr) {
+    if (pRecord == nullptr || pStreamPath == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
+    TRACE_INFO("[ENTER] - [%wZ]", pStreamPath);
 
     status = MapLengthOfStream(pFilter, pInstance, pStreamPath, &ulMapLength);
     if (!NT_SUCCESS(status)) {
@@ -146,10 +146,10 @@ NTSTATUS WriteDirtyBlockMapToADS(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, P
     ULONG ulBytesWritten = 0;
     NTSTATUS status;
 
-    TRACE_INFO("[ENTER] [%wZ]", pStreamPath);
-    if (pRecord == nullptr || pRecord->map == nullptr) {
+    if (pRecord == nullptr || pRecord->map == nullptr || pStreamPath == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
+    TRACE_INFO("[ENTER] [%wZ]", pStreamPath);
 
     status = OpenMapStream(pFilter, pInstance, pStreamPath, TRUE, &hStream, &pStreamObject);
     if (!NT_SUCCESS(status)) {
@@ -196,6 +196,9 @@ NTSTATUS WriteDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNIC
     NTSTATUS status;
 
     TRACE_INFO("[ENTER]");
+    if (pPath == nullptr || pPath->Buffer == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
     OwnedString* pstrStreamPath = JoinPathAndStreamName(pPath, DIRTY_BLOCK_STREAM_NAME);
     if (pstrStreamPath == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -260,5 +263,23 @@ NTSTATUS DeleteDirtyBlockADS(PCUNICODE_STRING pPath)
         TRACE_INFO("Deleted [%wZ]", pstrStreamPath);
     }
     FreeBuffer(pstrStreamPath);
+    return status;
+}
+
+NTSTATUS WriteStableDirtyBlockMap(PFLT_FILTER pFilter, PFLT_INSTANCE pInstance, PCUNICODE_STRING pPath,
+                                  TrackedDirtyBlockFile* pRecord)
+{
+    TrackedDirtyBlockFile* pCopy = nullptr;
+
+    if (pPath == nullptr || pPath->Buffer == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    NTSTATUS status = CopyTrackedDirtyBlockFile(pRecord, &pCopy);
+    if (!NT_SUCCESS(status)) {
+        TRACE_ERROR("No copy of the dirty block map of [%wZ] to write (0x%08x)", pPath, status);
+        return status;
+    }
+    status = WriteDirtyBlockMap(pFilter, pInstance, pPath, pCopy);
+    DeleteTrackedDirtyBlockFile(pCopy);
     return status;
 }

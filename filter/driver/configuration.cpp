@@ -36,6 +36,7 @@ NTSTATUS ClearConfiguration()
     }
     g_MergeFolderCount = 0;
     RtlZeroMemory(g_MergeFolders, sizeof(g_MergeFolders));
+    SummarizeMergeFolders();
     ReleaseLock(g_ConfigLock);
     return STATUS_SUCCESS;
 }
@@ -236,6 +237,8 @@ NTSTATUS SetConfiguration(SetConfigurationMessage* pMessage)
     }
 
 Cleanup:
+    // Whatever rows were set before an exit, the lookups find them.
+    SummarizeMergeFolders();
     ReleaseLock(g_ConfigLock);
     if (pFolder != nullptr) {
         FreeBuffer(pFolder);

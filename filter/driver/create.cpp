@@ -26,29 +26,19 @@ static const UNICODE_STRING g_DummyFileText =
 #define PROCESS_IMAGE_NAME_CAPACITY 260
 
 // \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
-#define MUP_PREFIX L"\\Device\\Mup\\"
-#define MUP_LOOPBACK_PREFIX L"\\Device\\Mup\\127.0.0.1\\"
+static const UNICODE_STRING g_MupPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\");
+static const UNICODE_STRING g_MupLoopbackPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\127.0.0.1\\");
 #define MUP_PATH_MIN_BYTES 24
-
-static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
-{
-    return pPath->Length >= MUP_PATH_MIN_BYTES && StringStartsWithText(pPath, MUP_PREFIX) &&
-           !StringStartsWithText(pPath, MUP_LOOPBACK_PREFIX);
-}
 
 static bool IsLoopbackMupPath(PCUNICODE_STRING pPath)
 {
-    return StringStartsWithText(pPath, MUP_LOOPBACK_PREFIX);
+    return RtlPrefixUnicodeString(&g_MupLoopbackPrefix, pPath, TRUE) != FALSE;
 }
 
-static bool HasColon(PCUNICODE_STRING pPath)
+static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
 {
-    for (USHORT usIndex = 0; usIndex < pPath->Length / sizeof(WCHAR); usIndex++) {
-        if (pPath->Buffer[usIndex] == L':') {
-            return true;
-        }
-    }
-    return false;
+    return pPath->Length >= MUP_PATH_MIN_BYTES && RtlPrefixUnicodeString(&g_MupPrefix, pPath, TRUE) &&
+           !IsLoopbackMupPath(pPath);
 }
 
 FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
@@ -68,19 +58,19 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     PIO_SECURITY_CONTEXT pSecurityContext = Data->Iopb->Parameters.Create.SecurityContext;
     ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
 
-    // 1. Pass-through mode: the service has gone, and nothing is looked at.
+    // Pass-through mode: the service has gone, and nothing is looked at.
     if (g_PassThrough) {
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
 
-    // 2. The service's own opens share everything, so that they never stand in a caller's way.
+    // The service's own opens share everything, so that they never stand in a caller's way.
     if (IoGetCurrentProcess() == g_ServiceData.ServiceProcess) {
         Data->Iopb->Parameters.Create.ShareAccess |= FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
         FltSetCallbackDataDirty(Data);
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
 
-    // 3. The path of the open, device form.
+    // The path of the open, device form.
     status = FltObjects != nullptr ? PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrPath)
                                    : STATUS_INVALID_PARAMETER;
     if (!NT_SUCCESS(status)) {
@@ -88,22 +78,22 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         goto Exit;
     }
 
-    // 4. The SID of the token the I/O manager captured for the open.
+    // The SID of the token the I/O manager captured for the open.
     status = GetRequestSid(pSecurityContext, &pstrSid);
     if (!NT_SUCCESS(status)) {
         TRACE_INFO("[EXIT] - GetRequestSid failed with status [0x%08x]", status);
         goto Exit;
     }
 
-    // 5. A share on another machine is never managed: it passes before any lookup.
+    // A share on another machine is never managed: it passes before any lookup.
     if (IsRemoteMupPath(pstrPath)) {
         goto Exit;
     }
 
-    // 6. Short names to long names; on failure the path stays as it is.
+    // Short names to long names; on failure the path stays as it is.
     (VOID) NormalizeFilePath(Data, &pstrPath);
 
-    // 7. A kernel-mode open counts only if it touches content.
+    // A kernel-mode open counts only if it touches content.
     if (ExGetPreviousMode() == KernelMode) {
         if ((DesiredAccess & ACCESS_REQUIRING_DOWNLOAD) == 0) {
             TRACE_INFO("[EXIT] Previous mode is KernelMode");
@@ -112,15 +102,15 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         TRACE_INFO("Previous mode is KernelMode but access requires download");
     }
 
-    // 8. The loopback share. Such an open is carried over to the local open it causes by the MUP
+    // The loopback share. Such an open is carried over to the local open it causes by the MUP
     // access records, which this build doesn't keep yet: it passes.
     if (IsLoopbackMupPath(pstrPath)) {
         goto Exit;
     }
 
-    // 9. Classification: the first class that fits.
+    // Classification: the first class that fits.
     if (IsManagedPath(pstrSid, pstrPath, &bReadOnly)) {
-        // 9.1 The caller's own merge folder. A process whose name can't be had is managed.
+        // The caller's own merge folder. A process whose name can't be had is managed.
         pstrImageName = CreateUnicodeString(POOL_SELECTOR_PAGED, PROCESS_IMAGE_NAME_CAPACITY);
         if (pstrImageName != nullptr && NT_SUCCESS(GetProcessImageName(pstrImageName)) &&
             IsProcessBlacklisted(pstrImageName)) {
@@ -128,9 +118,9 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
             goto Exit;
         }
     } else if (FindUnicodeSubstring(pstrPath, &g_DummyFileText, FALSE) >= 0) {
-        // 9.2 A dummy file: the redirection of attribute-only opens makes and consumes these paths.
+        // A dummy file: the redirection of attribute-only opens makes and consumes these paths.
     } else if ((pstrOwnerSid = FindMergeFolderOwner(pstrPath)) != nullptr) {
-        // 9.3 Another user's merge folder: local content only, under the owner's SID.
+        // Another user's merge folder: local content only, under the owner's SID.
         pstrImageName = CreateUnicodeString(POOL_SELECTOR_PAGED, PROCESS_IMAGE_NAME_CAPACITY);
         if (pstrImageName == nullptr) {
             TRACE_ERROR("[EXIT] CreateUnicodeString failed");
@@ -146,7 +136,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         pstrSid = pstrOwnerSid;
         pstrOwnerSid = nullptr;
     } else {
-        // 9.4 Not managed: the common way out for every file outside merge folders.
+        // Not managed: the common way out for every file outside merge folders.
         goto Exit;
     }
 
@@ -157,7 +147,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         goto Exit;
     }
 
-    // 11. From here on the open is a request for managed content.
+    // From here on the open is a request for managed content.
     TRACE_INFO("Normalized requested Path is [%wZ] and the user SID is [%wZ]", pstrPath, pstrSid);
 
     // What the disk holds for the path, for the service. A file that can't be read stays unknown:
@@ -167,7 +157,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
 
     // The redirection of attribute-only opens to a dummy file comes with its own work.
 
-    // 14. A merge folder's own path, marked read-only, can't be opened for writing.
+    // A merge folder's own path, marked read-only, can't be opened for writing.
     if (bReadOnly && (DesiredAccess & ACCESS_WRITING) != 0) {
         TRACE_INFO("[EXIT] [%wZ] is readonly and the desired access is write. Returning STATUS_ACCESS_DENIED",
                    pstrPath);
@@ -177,13 +167,13 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         goto Exit;
     }
 
-    // 15. Alternate data streams are the file system's affair alone.
-    if (HasColon(pstrPath)) {
+    // Alternate data streams are the file system's affair alone.
+    if (StringContainsCharacter(pstrPath, L':')) {
         TRACE_INFO("[EXIT] Requested path [%wZ] is ADS, ignoring", pstrPath);
         goto Exit;
     }
 
-    // 16. A merge folder can't be deleted from under the service.
+    // A merge folder can't be deleted from under the service.
     if ((Data->Iopb->Parameters.Create.Options & FILE_DELETE_ON_CLOSE) != 0 && IsMergeFolderRoot(pstrSid, pstrPath)) {
         Data->IoStatus.Status = STATUS_ACCESS_DENIED;
         Data->IoStatus.Information = 0;

@@ -97,9 +97,7 @@ NTSTATUS NormalizeFilePath(PFLT_CALLBACK_DATA Data, OwnedString** ppstrPath)
 
     // A '~' is the sign of an 8.3 short name. Most paths have none, and for them the Filter
     // Manager's name query, which is costly, never runs.
-    UNICODE_STRING tilde;
-    RtlInitUnicodeString(&tilde, L"~");
-    if ((*ppstrPath)->Length < sizeof(WCHAR) || FindUnicodeSubstring(*ppstrPath, &tilde, FALSE) < 0) {
+    if (!StringContainsCharacter(*ppstrPath, L'~')) {
         return STATUS_SUCCESS;
     }
 

@@ -12,7 +12,9 @@
 // The volume's device name followed by the target file object's name, with the related file
 // object's name in between when bIncludeRelated is set (one level only). A trailing \* is dropped.
 // STATUS_INVALID_PARAMETER for a null argument, STATUS_NAME_TOO_LONG when the path would not fit a
-// UNICODE_STRING, STATUS_NO_MEMORY, or the failure of the volume name query.
+// UNICODE_STRING, STATUS_NO_MEMORY, or the volume name query's status as it stands when the query
+// fails (a warning such as STATUS_BUFFER_OVERFLOW included). A size query that succeeds names no
+// size, and gives STATUS_UNSUCCESSFUL: success always comes with a path.
 NTSTATUS PathFromRequest(PCFLT_RELATED_OBJECTS FltObjects, PFLT_IO_PARAMETER_BLOCK Iopb, UCHAR bIncludeRelated,
                          OwnedString** ppstrPath);
 

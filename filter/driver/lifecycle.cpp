@@ -146,7 +146,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     g_DirtyBlockFileList = nullptr;
     g_PoolType = NonPagedPool;
 
-    // 1. Non-executable non-paged pool exists from NT 6.2 on.
+    // Non-executable non-paged pool exists from NT 6.2 on.
     RTL_OSVERSIONINFOW versionInformation;
     RtlZeroMemory(&versionInformation, sizeof(versionInformation));
     versionInformation.dwOSVersionInfoSize = sizeof(versionInformation);
@@ -156,44 +156,39 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
         g_PoolType = NonPagedPoolNx;
     }
 
-    // 2.
     g_ServiceData.ClientPortDisconnectCount = 0;
 
-    // 3.
     status = FltRegisterFilter(DriverObject, &FilterRegistration, &g_ServiceData.FilterHandle);
     if (!NT_SUCCESS(status)) {
         g_ServiceData.FilterHandle = nullptr;
         return status;
     }
 
-    // 4.
     status = FltBuildDefaultSecurityDescriptor(&pSecurityDescriptor, FLT_PORT_ALL_ACCESS);
     if (!NT_SUCCESS(status)) {
         goto Failed;
     }
 
-    // 5. Every lock is tried; a missing one ends start before any callback could run without it.
+    // Every lock is tried; a missing one ends start before any callback could run without it.
     status = MakeLocks();
     if (!NT_SUCCESS(status)) {
         FltFreeSecurityDescriptor(pSecurityDescriptor);
         goto Failed;
     }
 
-    // 6, 7. A service may connect from here on.
+    // A service may connect from here on.
     status = CreateServicePort(pSecurityDescriptor);
     FltFreeSecurityDescriptor(pSecurityDescriptor);
     if (!NT_SUCCESS(status)) {
         goto Failed;
     }
 
-    // 8.
     status = CreateStreamStringTable();
     if (!NT_SUCCESS(status)) {
         TRACE_ERROR("Failed to initialise stream string table (0x%08x)", status);
         goto Failed;
     }
 
-    // 9.
     status = FltStartFiltering(g_ServiceData.FilterHandle);
     if (!NT_SUCCESS(status)) {
         goto Failed;

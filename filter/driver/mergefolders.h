@@ -23,6 +23,11 @@ extern ULONG g_MergeFolderCount;
 // before the first configuration.
 extern OwnedString** g_ProcessBlacklist;
 
+// Brings the summary that spares the lookups most scans in step with the rows. The caller holds
+// g_ConfigLock and calls it whenever it has changed rows, before it releases the lock.
+// IRQL: <= APC_LEVEL.
+VOID SummarizeMergeFolders();
+
 // True when a row of this SID has exactly this path (link or device form), without regard to case.
 // IRQL: <= APC_LEVEL; takes g_ConfigLock.
 bool IsMergeFolderRoot(PCUNICODE_STRING pSid, PCUNICODE_STRING pPath);
@@ -45,6 +50,7 @@ NTSTATUS GetVolumeInstanceForPath(PFLT_FILTER pFilter, PCUNICODE_STRING pPath, P
 bool IsProcessBlacklisted(PCUNICODE_STRING pImagePath);
 
 // The current process's image file name, device form, into pstrImageName (its capacity decides).
-// STATUS_BUFFER_OVERFLOW, with Length set to the size needed, when it does not fit.
-// IRQL: PASSIVE_LEVEL.
+// A name that does not fit gives STATUS_BUFFER_OVERFLOW and leaves the string as it was (Length
+// unchanged), so that no caller reads a length its buffer doesn't hold. The size query's own
+// failure is returned as it stands. IRQL: PASSIVE_LEVEL.
 NTSTATUS GetProcessImageName(OwnedString* pstrImageName);

@@ -91,8 +91,16 @@ LONG FindUnicodeSubstring(PCUNICODE_STRING pHaystack, PCUNICODE_STRING pNeedle, 
     }
     ULONG ulHaystackChars = pHaystack->Length / sizeof(WCHAR);
     ULONG ulNeedleChars = pNeedle->Length / sizeof(WCHAR);
-    for (ULONG ulStart = 0; ulStart + ulNeedleChars <= ulHaystackChars; ulStart++) {
-        ULONG ulIndex = 0;
+    // A start position is tried only where the needle's first character stands: the scan for it
+    // is all that most positions cost.
+    WCHAR chFirst = bIgnoreCase ? RtlUpcaseUnicodeChar(pNeedle->Buffer[0]) : pNeedle->Buffer[0];
+    ULONG ulLastStart = ulHaystackChars - ulNeedleChars;
+    for (ULONG ulStart = 0; ulStart <= ulLastStart; ulStart++) {
+        WCHAR chStart = pHaystack->Buffer[ulStart];
+        if (chStart != chFirst && (!bIgnoreCase || RtlUpcaseUnicodeChar(chStart) != chFirst)) {
+            continue;
+        }
+        ULONG ulIndex = 1;
         for (; ulIndex < ulNeedleChars; ulIndex++) {
             WCHAR chHaystack = pHaystack->Buffer[ulStart + ulIndex];
             WCHAR chNeedle = pNeedle->Buffer[ulIndex];
@@ -109,6 +117,20 @@ LONG FindUnicodeSubstring(PCUNICODE_STRING pHaystack, PCUNICODE_STRING pNeedle, 
         }
     }
     return -1;
+}
+
+BOOLEAN StringContainsCharacter(PCUNICODE_STRING pString, WCHAR ch)
+{
+    if (pString == nullptr || pString->Buffer == nullptr) {
+        return FALSE;
+    }
+    USHORT usChars = pString->Length / sizeof(WCHAR);
+    for (USHORT usIndex = 0; usIndex < usChars; usIndex++) {
+        if (pString->Buffer[usIndex] == ch) {
+            return TRUE;
+        }
+    }
+    return FALSE;
 }
 
 BOOLEAN StringStartsWithText(PCUNICODE_STRING pString, PCWSTR pszPrefix)

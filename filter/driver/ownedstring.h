@@ -50,5 +50,9 @@ VOID FreeUnicodeString(OwnedString** ppstr);
 // characters are compared after RtlUpcaseUnicodeChar. IRQL: any, for resident strings.
 LONG FindUnicodeSubstring(PCUNICODE_STRING pHaystack, PCUNICODE_STRING pNeedle, UCHAR bIgnoreCase);
 
+// Whether pString holds the character ch anywhere in its Length; FALSE for a null string or
+// buffer. IRQL: any, for a resident string.
+BOOLEAN StringContainsCharacter(PCUNICODE_STRING pString, WCHAR ch);
+
 // Whether pString begins with the zero-terminated pszPrefix, without regard to case.
 BOOLEAN StringStartsWithText(PCUNICODE_STRING pString, PCWSTR pszPrefix);

@@ -2,6 +2,7 @@
 #include "ports.h"
 
 #include "configuration.h"
+#include "dirtyblocktracking.h"
 #include "globals.h"
 #include "locks.h"
 #include "ownedstring.h"
@@ -111,10 +112,10 @@ NTSTATUS FLTAPI FolderMergeService_Message(PVOID PortCookie, PVOID InputBuffer, 
                                           PULONG ReturnOutputBufferLength)
 {
     UNREFERENCED_PARAMETER(PortCookie);
-    UNREFERENCED_PARAMETER(ReturnOutputBufferLength);
     NTSTATUS status = STATUS_SUCCESS;
     ULONG ulCode = 0;
     PVOID pOutputCopy = nullptr;
+    ULONG ulReplyLength = 0;
 
     if (InputBuffer == nullptr || InputBufferLength < CONTROL_MESSAGE_MIN_SIZE) {
         return STATUS_INVALID_PARAMETER;
@@ -166,10 +167,19 @@ NTSTATUS FLTAPI FolderMergeService_Message(PVOID PortCookie, PVOID InputBuffer, 
     }
     case CONTROL_REQUEST_DIRTY_BLOCK_MAP:
     case CONTROL_REQUEST_DIRTY_BLOCK_COUNT:
-        // The dirty block queries have no handler in this build: with an output buffer they are
-        // refused with STATUS_NOT_SUPPORTED and nothing is copied back; without one they fail as
-        // they always will, with STATUS_INVALID_PARAMETER and nothing allocated.
-        status = pOutputCopy != nullptr ? STATUS_NOT_SUPPORTED : STATUS_INVALID_PARAMETER;
+        // Both answer in the output buffer: without one they fail, with nothing allocated.
+        if (pOutputCopy == nullptr) {
+            status = STATUS_INVALID_PARAMETER;
+            break;
+        }
+        status = ulCode == CONTROL_REQUEST_DIRTY_BLOCK_MAP
+                     ? RequestDirtyBlockMap(InputBuffer, InputBufferLength, pOutputCopy, OutputBufferLength,
+                                            &ulReplyLength)
+                     : RequestDirtyBlockCount(InputBuffer, InputBufferLength, pOutputCopy, OutputBufferLength,
+                                              &ulReplyLength);
+        if (ReturnOutputBufferLength != nullptr) {
+            *ReturnOutputBufferLength = ulReplyLength;
+        }
         break;
     default:
         break;

@@ -81,11 +81,11 @@ NTSTATUS GetFileInformation(PCUNICODE_STRING pPath, PFLT_FILTER pFilter, PFLT_IN
         return STATUS_INVALID_PARAMETER;
     }
 
-    // 1. Nothing learned yet.
+    // Nothing learned yet.
     SetUnknownFileInformation(pBasic);
     RtlZeroMemory(pStandard, sizeof(*pStandard));
 
-    // 2, 3. The file itself; a reparse point is opened as it stands.
+    // The file itself; a reparse point is opened as it stands.
     status = OpenFileBelowFilter(pPath, pFilter, pInstance, FILE_READ_ATTRIBUTES,
                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_REPARSE_POINT,
                                  &hFile, &pFileObject);
@@ -99,7 +99,7 @@ NTSTATUS GetFileInformation(PCUNICODE_STRING pPath, PFLT_FILTER pFilter, PFLT_IN
         return status;
     }
 
-    // 4, 5. Both halves or neither: a failed standard query takes the basic half back.
+    // Both halves or neither: a failed standard query takes the basic half back.
     status = FltQueryInformationFile(pInstance, pFileObject, pBasic, sizeof(FILE_BASIC_INFORMATION),
                                      FileBasicInformation, nullptr);
     if (status != STATUS_SUCCESS) {
@@ -114,15 +114,13 @@ NTSTATUS GetFileInformation(PCUNICODE_STRING pPath, PFLT_FILTER pFilter, PFLT_IN
         }
     }
 
-    // 6.
     TRACE_INFO("File information for [%wZ] CH[%lld] CR[%lld] LA[%lld] LW[%lld] ATTR[%lu] EOF[%lld]", pPath,
                pBasic->ChangeTime.QuadPart, pBasic->CreationTime.QuadPart, pBasic->LastAccessTime.QuadPart,
                pBasic->LastWriteTime.QuadPart, pBasic->FileAttributes, pStandard->EndOfFile.QuadPart);
 
-    // 7.
     CloseFileBelowFilter(hFile, pFileObject);
 
-    // 8, 9. With a marker out, the stream's open decides the result.
+    // With a marker out, the stream's open decides the result.
     if (pbMarkerStreamPresent == nullptr) {
         return status;
     }

@@ -10,7 +10,7 @@ OwnedString* JoinPathAndStreamName(PCUNICODE_STRING pPath, PCWSTR pszStreamName)
         return nullptr;
     }
 
-    // 1. A zeroed block, so that the text stays terminated whatever is cut from its end.
+    // A zeroed block, so that the text stays terminated whatever is cut from its end.
     SIZE_T ulPathChars = pPath->Length / sizeof(WCHAR);
     SIZE_T ulCapacityChars = ulPathChars + wcslen(pszStreamName) + STREAM_PATH_EXTRA_CHARS;
     PWCHAR pszJoined = (PWCHAR)AllocateBuffer(POOL_SELECTOR_NONPAGED, ulCapacityChars * sizeof(WCHAR));
@@ -21,18 +21,17 @@ OwnedString* JoinPathAndStreamName(PCUNICODE_STRING pPath, PCWSTR pszStreamName)
 
     OwnedString* pstrResult = nullptr;
     if (wcsncpy_s(pszJoined, ulCapacityChars, pPath->Buffer, ulPathChars) == 0) {
-        // 2. "file\" and "file" name the same object; a stream name only follows the second.
+        // "file\" and "file" name the same object; a stream name only follows the second.
         for (SIZE_T ulIndex = ulPathChars; ulIndex > 0 && pszJoined[ulIndex - 1] == L'\\'; ulIndex--) {
             pszJoined[ulIndex - 1] = L'\0';
         }
-        // 3, 4.
+        // The separator, then the stream's name.
         if (wcscat_s(pszJoined, ulCapacityChars, L":") == 0 &&
             wcscat_s(pszJoined, ulCapacityChars, pszStreamName) == 0) {
             pstrResult = CreateUnicodeStringFromText(pszJoined);
         }
     }
 
-    // 5.
     FreeBuffer(pszJoined);
     return pstrResult;
 }

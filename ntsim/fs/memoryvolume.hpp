@@ -43,6 +43,12 @@ struct Stream {
     bool removed = false;      // deleted while opens still refer to it
 };
 
+struct ExtendedAttribute {
+    std::string name;  // upper case
+    std::string value;
+    UCHAR flags = 0;   // FILE_NEED_EA or 0
+};
+
 struct Link;
 
 struct Node {
@@ -58,6 +64,9 @@ struct Node {
     std::map<std::u16string, std::shared_ptr<Link>> shortEntries;  // directory: upcased short name
     std::vector<Link*> links;  // the names of this node; empty for the root and for a deleted node
     ULONG handleCount = 0;     // opens of any stream of this node not yet cleaned up
+    ULONG reparseTag = 0;      // a reparse point (FILE_ATTRIBUTE_REPARSE_POINT): its tag, 0 for none
+    std::vector<UCHAR> reparseData;  // what follows the reparse buffer's header
+    std::vector<ExtendedAttribute> extendedAttributes;  // in the order they were added
 };
 
 struct Link : std::enable_shared_from_this<Link> {
@@ -77,7 +86,9 @@ struct Features {
     bool namedStreams = true;
     bool hardLinks = true;
     bool shortNames = true;
+    bool reparsePoints = true;
     bool readOnly = false;
+    bool extendedAttributes = true;
 };
 
 // A path as a create gives it, split into components and the stream part of the last one.
@@ -103,6 +114,7 @@ class MemoryOpen final : public VolumeOpen {
 public:
     ~MemoryOpen() override;
     bool IsDirectory() const override { return !volumeOpen && node && node->directory && !namedStream; }
+    RecordedShareAccess ShareAccess() const override { return recordedShareAccess; }
 
     std::shared_ptr<MemoryVolumeImpl> volume;
     bool volumeOpen = false;      // an open of the volume itself (empty path)
@@ -113,11 +125,13 @@ public:
     ACCESS_MASK access = 0;
     ULONG shareAccess = 0;
     ULONG createOptions = 0;
-    bool shareRecorded = false;
+    bool shareRecorded = false;   // counted in the stream's share access until cleanup
+    RecordedShareAccess recordedShareAccess;
     bool cleanedUp = false;
     bool deleteOnClose = false;   // FILE_DELETE_ON_CLOSE or a disposition with FILE_DISPOSITION_ON_CLOSE
     bool posixDelete = false;     // this handle's cleanup removes the name at once
     DirectoryScan scan;
+    size_t nextEa = 0;            // the EA scan: index of the next extended attribute to return
 };
 
 class MemoryVolumeImpl final : public MemoryVolume, public std::enable_shared_from_this<MemoryVolumeImpl> {
@@ -129,7 +143,8 @@ public:
     ULONG DeviceType() const override { return features_.deviceType; }
     ULONG FileSystemType() const override { return features_.fileSystemType; }
     NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                    ULONG_PTR* information, std::u16string* finalComponent) override;
+                    ULONG_PTR* information, std::u16string* finalComponent,
+                    std::vector<UCHAR>* reparseBuffer) override;
     NTSTATUS Read(VolumeOpen& open, LONGLONG offset, ULONG length, void* buffer, ULONG* bytesRead) override;
     NTSTATUS Write(VolumeOpen& open, LONGLONG offset, ULONG length, const void* buffer,
                    ULONG* bytesWritten) override;
@@ -140,7 +155,8 @@ public:
     NTSTATUS QueryDirectory(VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                             const UNICODE_STRING* pattern, ULONG flags, ULONG fileIndex,
                             ULONG* returned) override;
-    NTSTATUS QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned) override;
+    NTSTATUS QueryEa(VolumeOpen& open, const VolumeEaQuery& query, void* buffer, ULONG length,
+                     ULONG* returned) override;
     NTSTATUS Flush(VolumeOpen& open) override;
     void Cleanup(VolumeOpen& open) override;
     NTSTATUS NormalizedPath(VolumeOpen& open, std::u16string* path) override;
@@ -152,7 +168,11 @@ public:
     void SeedHardLink(std::u16string_view existingPath, std::u16string_view newPath) override;
     void SeedShortName(std::u16string_view path, std::u16string_view shortName) override;
     void SeedBasicInformation(std::u16string_view path, const FILE_BASIC_INFORMATION& basic) override;
+    void SeedExtendedAttribute(std::u16string_view path, std::string_view name, std::string_view value,
+                               UCHAR flags) override;
     void SeedRemove(std::u16string_view path) override;
+    void SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data) override;
+    void SeedJunction(std::u16string_view path, std::u16string_view target) override;
     bool Exists(std::u16string_view path) const override;
     bool IsDirectoryPath(std::u16string_view path) const override;
     std::optional<std::string> Content(std::u16string_view path) const override;
@@ -193,7 +213,10 @@ private:
     bool HasHandlesBelow(const Node& directory) const;
 
     NTSTATUS CreateLocked(const VolumeCreateParameters& parameters, std::unique_ptr<MemoryOpen>* open,
-                          ULONG_PTR* information, std::u16string* finalComponent);
+                          ULONG_PTR* information, std::u16string* finalComponent,
+                          std::vector<UCHAR>* reparseBuffer);
+    NTSTATUS ReparseOnTheWay(const VolumeCreateParameters& parameters, const ParsedPath& parsed,
+                             ULONG_PTR* information, std::vector<UCHAR>* reparseBuffer) const;
     NTSTATUS OpenExisting(const VolumeCreateParameters& parameters, const ParsedPath& parsed, Target& target,
                           MemoryOpen& open, ULONG_PTR* information);
     NTSTATUS CreateNew(const VolumeCreateParameters& parameters, const ParsedPath& parsed, Target& target,
@@ -206,6 +229,9 @@ private:
     NTSTATUS SetBasic(MemoryOpen& open, const FILE_BASIC_INFORMATION& basic);
     NTSTATUS SetEndOfFile(MemoryOpen& open, LONGLONG endOfFile);
     NTSTATUS SetAllocation(MemoryOpen& open, LONGLONG allocationSize);
+
+    // The length of a FILE_FULL_EA_INFORMATION list of all the node's extended attributes.
+    ULONG ExtendedAttributesSize(const Node& node) const;
 
     LONGLONG RoundToCluster(LONGLONG size) const;
     ULONG ReportedAttributes(const Node& node) const;

@@ -35,13 +35,24 @@ NTSTATUS CheckShareAccess(const ShareAccess& current, ACCESS_MASK access, ULONG 
     return STATUS_SUCCESS;
 }
 
-// IoSetShareAccess: returns whether anything was recorded (opens without read, write or delete
-// access take no part in share access).
-bool RecordShareAccess(ShareAccess& current, ACCESS_MASK access, ULONG share)
+// IoSetShareAccess: records the open in the stream's share access and in the open, unless the open
+// skips share access or takes no part in it (no read, write or delete access).
+void RecordShareAccess(ShareAccess& current, const VolumeCreateParameters& parameters, MemoryOpen& open)
 {
-    if (!WantsShareCheck(access)) {
-        return false;
+    const ACCESS_MASK access = parameters.desiredAccess;
+    const ULONG share = parameters.shareAccess;
+    if (parameters.ignoreShareAccess || !WantsShareCheck(access)) {
+        return;
     }
+    open.shareRecorded = true;
+    open.recordedShareAccess = RecordedShareAccess{
+        .readAccess = (access & kReadShareAccess) != 0,
+        .writeAccess = (access & kWriteShareAccess) != 0,
+        .deleteAccess = (access & kDeleteShareAccess) != 0,
+        .sharedRead = (share & FILE_SHARE_READ) != 0,
+        .sharedWrite = (share & FILE_SHARE_WRITE) != 0,
+        .sharedDelete = (share & FILE_SHARE_DELETE) != 0,
+    };
     current.openCount++;
     current.readers += (access & kReadShareAccess) ? 1 : 0;
     current.writers += (access & kWriteShareAccess) ? 1 : 0;
@@ -49,7 +60,6 @@ bool RecordShareAccess(ShareAccess& current, ACCESS_MASK access, ULONG share)
     current.sharedRead += (share & FILE_SHARE_READ) ? 1 : 0;
     current.sharedWrite += (share & FILE_SHARE_WRITE) ? 1 : 0;
     current.sharedDelete += (share & FILE_SHARE_DELETE) ? 1 : 0;
-    return true;
 }
 
 void RemoveShareAccess(ShareAccess& current, ACCESS_MASK access, ULONG share)
@@ -382,22 +392,24 @@ void MemoryVolumeImpl::Touch(Node& node, bool written) const
 // ---- create ----
 
 NTSTATUS MemoryVolumeImpl::Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                                  ULONG_PTR* information, std::u16string* finalComponent)
+                                  ULONG_PTR* information, std::u16string* finalComponent,
+                                  std::vector<UCHAR>* reparseBuffer)
 {
     std::unique_ptr<MemoryOpen> created;
     NTSTATUS status;
     {
         std::lock_guard lock(mutex_);
-        status = CreateLocked(parameters, &created, information, finalComponent);
+        status = CreateLocked(parameters, &created, information, finalComponent, reparseBuffer);
     }
-    if (NT_SUCCESS(status)) {
+    if (NT_SUCCESS(status) && created != nullptr) {
         *open = std::move(created);
     }
     return status;
 }
 
 NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters, std::unique_ptr<MemoryOpen>* out,
-                                        ULONG_PTR* information, std::u16string* finalComponent)
+                                        ULONG_PTR* information, std::u16string* finalComponent,
+                                        std::vector<UCHAR>* reparseBuffer)
 {
     const ULONG disposition = parameters.disposition;
     const ULONG options = parameters.createOptions;
@@ -429,6 +441,10 @@ NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters
         if (features_.readOnly && WouldWrite(parameters)) {
             return STATUS_ACCESS_DENIED;
         }
+        status = ReparseOnTheWay(parameters, parsed, information, reparseBuffer);
+        if (status != STATUS_SUCCESS) {
+            return status;
+        }
         if (parameters.flags & kOpenTargetDirectory) {
             if (parsed.components.empty()) {
                 return STATUS_OBJECT_NAME_INVALID;
@@ -449,9 +465,8 @@ NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters
                 if (!NT_SUCCESS(status)) {
                     return status;
                 }
-                open->shareRecorded =
-                    RecordShareAccess(stream->share, parameters.desiredAccess, parameters.shareAccess);
             }
+            RecordShareAccess(stream->share, parameters, *open);
             *information = FindEntry(*parent, parsed.components.back()) ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
             if (finalComponent != nullptr) {
                 *finalComponent = LastComponentText(parameters.path);
@@ -481,6 +496,50 @@ NTSTATUS MemoryVolumeImpl::CreateLocked(const VolumeCreateParameters& parameters
     open->volume = shared_from_this();
     ++openCount_;
     *out = std::move(open);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS MemoryVolumeImpl::ReparseOnTheWay(const VolumeCreateParameters& parameters, const ParsedPath& parsed,
+                                           ULONG_PTR* information, std::vector<UCHAR>* reparseBuffer) const
+{
+    // A target-directory open walks to the parent, which is what it opens.
+    size_t count = parsed.components.size();
+    if ((parameters.flags & kOpenTargetDirectory) != 0 && count > 0) {
+        --count;
+    }
+    const std::u16string& path = parameters.path;
+    size_t end = 0;  // the end of the components walked so far in path (path[0] is the root's '\')
+    std::shared_ptr<Node> current = root_;
+    for (size_t i = 0; i < count; ++i) {
+        auto entry = FindEntry(*current, parsed.components[i]);
+        if (!entry) {
+            return STATUS_SUCCESS;  // for the rest of the create to report
+        }
+        end = path.find(u'\\', end + 1);
+        if (end == std::u16string::npos) {
+            end = path.size();
+        }
+        const Node& node = *entry->node;
+        const bool openItself = i + 1 == count && (parameters.createOptions & FILE_OPEN_REPARSE_POINT) != 0;
+        if (node.reparseTag != 0 && !openItself) {
+            const size_t unparsedBytes = (path.size() - end) * sizeof(WCHAR);
+            if (reparseBuffer != nullptr) {
+                reparseBuffer->assign(REPARSE_DATA_BUFFER_HEADER_SIZE + node.reparseData.size(), 0);
+                auto* buffer = reinterpret_cast<REPARSE_DATA_BUFFER*>(reparseBuffer->data());
+                buffer->ReparseTag = node.reparseTag;
+                buffer->ReparseDataLength = static_cast<USHORT>(node.reparseData.size());
+                buffer->Reserved = static_cast<USHORT>(unparsedBytes);
+                std::copy(node.reparseData.begin(), node.reparseData.end(),
+                          reparseBuffer->begin() + REPARSE_DATA_BUFFER_HEADER_SIZE);
+            }
+            *information = node.reparseTag;
+            return STATUS_REPARSE;
+        }
+        if (!node.directory) {
+            return STATUS_SUCCESS;
+        }
+        current = entry->node;
+    }
     return STATUS_SUCCESS;
 }
 
@@ -578,9 +637,7 @@ NTSTATUS MemoryVolumeImpl::OpenExisting(const VolumeCreateParameters& parameters
     } else {
         *information = FILE_OPENED;
     }
-    if (!parameters.ignoreShareAccess) {
-        open.shareRecorded = RecordShareAccess(stream->share, parameters.desiredAccess, parameters.shareAccess);
-    }
+    RecordShareAccess(stream->share, parameters, open);
     open.node = target.node;
     open.link = target.link;
     open.stream = stream;
@@ -624,9 +681,7 @@ NTSTATUS MemoryVolumeImpl::CreateNew(const VolumeCreateParameters& parameters, c
     if (!directory) {
         stream->allocationSize = RoundToCluster(parameters.allocationSize);
     }
-    if (!parameters.ignoreShareAccess) {
-        open.shareRecorded = RecordShareAccess(stream->share, parameters.desiredAccess, parameters.shareAccess);
-    }
+    RecordShareAccess(stream->share, parameters, open);
     open.node = node;
     open.link = link;
     open.stream = stream;

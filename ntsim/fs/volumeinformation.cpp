@@ -1,5 +1,5 @@
-// Data and information on the in-memory volumes: read, write, query and set information, extended
-// attributes, flush, and the normalized (long-name) paths of opens.
+// Data and information on the in-memory volumes: read, write, query and set information, flush, and
+// the normalized (long-name) paths of opens. Extended attributes are in volumeextendedattributes.cpp.
 #include "memoryvolume.hpp"
 
 #include <ntsim/sim/clock.hpp>
@@ -189,7 +189,8 @@ NTSTATUS MemoryVolumeImpl::QueryInformation(VolumeOpen& open, FILE_INFORMATION_C
         return PutRecord(internal, buffer, length, returned);
     }
     case FileEaInformation: {
-        FILE_EA_INFORMATION ea{};  // no extended attributes on these volumes
+        FILE_EA_INFORMATION ea{};
+        ea.EaSize = ExtendedAttributesSize(node);
         return PutRecord(ea, buffer, length, returned);
     }
     case FileAccessInformation: {
@@ -216,6 +217,7 @@ NTSTATUS MemoryVolumeImpl::QueryInformation(VolumeOpen& open, FILE_INFORMATION_C
     case FileAttributeTagInformation: {
         FILE_ATTRIBUTE_TAG_INFORMATION tag{};
         tag.FileAttributes = basic.FileAttributes;
+        tag.ReparseTag = node.reparseTag;
         return PutRecord(tag, buffer, length, returned);
     }
     case FileNameInformation:
@@ -246,6 +248,7 @@ NTSTATUS MemoryVolumeImpl::QueryInformation(VolumeOpen& open, FILE_INFORMATION_C
             all.BasicInformation = basic;
             all.StandardInformation = standard;
             all.InternalInformation.IndexNumber.QuadPart = static_cast<LONGLONG>(node.fileId);
+            all.EaInformation.EaSize = ExtendedAttributesSize(node);
             all.AccessInformation.AccessFlags = o.access;
             all.ModeInformation.Mode =
                 o.createOptions & (FILE_WRITE_THROUGH | FILE_SEQUENTIAL_ONLY | FILE_NO_INTERMEDIATE_BUFFERING |
@@ -612,19 +615,7 @@ NTSTATUS MemoryVolumeImpl::SetRenameOrLink(MemoryOpen& o, bool link, bool replac
     return STATUS_SUCCESS;
 }
 
-// ---- extended attributes and flush ----
-
-NTSTATUS MemoryVolumeImpl::QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned)
-{
-    UNREFERENCED_PARAMETER(buffer);
-    UNREFERENCED_PARAMETER(length);
-    std::lock_guard lock(mutex_);
-    *returned = 0;
-    if (static_cast<MemoryOpen&>(open).volumeOpen) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    return STATUS_NO_EAS_ON_FILE;  // these volumes keep no extended attributes
-}
+// ---- flush ----
 
 NTSTATUS MemoryVolumeImpl::Flush(VolumeOpen& open)
 {

@@ -3,6 +3,7 @@
 
 #include <ntsim/sim/text.hpp>
 
+#include <cstring>
 #include <stdexcept>
 
 namespace ntsim::fs {
@@ -187,6 +188,51 @@ void MemoryVolumeImpl::SeedRemove(std::u16string_view path)
     Touch(*target.parent, true);
 }
 
+void MemoryVolumeImpl::SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data)
+{
+    std::lock_guard lock(mutex_);
+    if (!features_.reparsePoints) {
+        Fail("SeedReparsePoint", path, "this file system has no reparse points");
+    }
+    Target target = ResolveOrThrow(path);
+    if (!target.link || target.stream) {
+        Fail("SeedReparsePoint", path, "only a file or a directory below the root can be a reparse point");
+    }
+    if (tag == 0 || data.size() > MAXUSHORT - REPARSE_DATA_BUFFER_HEADER_SIZE) {
+        Fail("SeedReparsePoint", path, "no tag, or more data than a reparse buffer holds");
+    }
+    if (target.node->directory && !target.node->entries.empty()) {
+        Fail("SeedReparsePoint", path, "a directory must be empty to become a reparse point");
+    }
+    target.node->reparseTag = tag;
+    target.node->reparseData = data;
+    target.node->attributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+    Touch(*target.node, false);
+}
+
+void MemoryVolumeImpl::SeedJunction(std::u16string_view path, std::u16string_view target)
+{
+    const std::u16string_view devicePrefix = u"\\??\\";
+    if (target.substr(0, devicePrefix.size()) != devicePrefix) {
+        Fail("SeedJunction", path, "the target must be a \\??\\ name");
+    }
+    const std::u16string_view printName = target.substr(devicePrefix.size());
+    // The mount point part of the buffer: four offsets and lengths in bytes, then the substitute
+    // name and the print name, each with a terminating zero.
+    const size_t substituteBytes = target.size() * sizeof(WCHAR);
+    const size_t printBytes = printName.size() * sizeof(WCHAR);
+    const size_t namesOffset = FIELD_OFFSET(REPARSE_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) -
+                               REPARSE_DATA_BUFFER_HEADER_SIZE;
+    std::vector<UCHAR> data(namesOffset + substituteBytes + printBytes + 2 * sizeof(WCHAR));
+    const USHORT fields[4] = {0, static_cast<USHORT>(substituteBytes), static_cast<USHORT>(substituteBytes + 2),
+                              static_cast<USHORT>(printBytes)};
+    std::memcpy(data.data(), fields, sizeof(fields));
+    std::memcpy(data.data() + namesOffset, target.data(), substituteBytes);
+    std::memcpy(data.data() + namesOffset + substituteBytes + 2, printName.data(), printBytes);
+    SeedDirectory(path, 0);
+    SeedReparsePoint(path, IO_REPARSE_TAG_MOUNT_POINT, data);
+}
+
 bool MemoryVolumeImpl::Exists(std::u16string_view path) const
 {
     std::lock_guard lock(mutex_);
@@ -311,6 +357,7 @@ std::shared_ptr<MemoryVolume> CreateFatVolume(std::u16string deviceName)
     features.fileSystemType = FLT_FSTYPE_FAT;
     features.namedStreams = false;
     features.hardLinks = false;
+    features.reparsePoints = false;
     return std::make_shared<fs::MemoryVolumeImpl>(std::move(deviceName), features);
 }
 
@@ -322,7 +369,9 @@ std::shared_ptr<MemoryVolume> CreateCdfsVolume(std::u16string deviceName)
     features.clusterSize = 2048;
     features.namedStreams = false;
     features.hardLinks = false;
+    features.reparsePoints = false;
     features.readOnly = true;
+    features.extendedAttributes = false;
     return std::make_shared<fs::MemoryVolumeImpl>(std::move(deviceName), features);
 }
 

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <vector>
 
 namespace ntsim::iomgr {
@@ -146,8 +147,21 @@ NTSTATUS IoFlushCache(PFILE_OBJECT fileObject)
 
 NTSTATUS IoLazyWrite(PFILE_OBJECT fileObject)
 {
-    ScopedPreviousMode systemThread(KernelMode);
-    return FlushCache(RecordOf(fileObject));
+    // The lazy writer is a worker thread of the System process: what it runs into is thrown here.
+    NTSTATUS status = STATUS_SUCCESS;
+    std::exception_ptr failure;
+    SimulatedThread lazyWriter(SystemProcess(), [&] {
+        try {
+            status = FlushCache(RecordOf(fileObject));
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    });
+    lazyWriter.Join();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return status;
 }
 
 NTSTATUS IoWriteModifiedPages(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* data)

@@ -1,7 +1,7 @@
 // Opens: parsing an object name down to a volume, IRP_MJ_CREATE through the stack, the re-parse
 // of a create that a filter or file system completed with STATUS_REPARSE, and every entry point
-// that opens a file (NtCreateFile and its relatives, ZwDeleteFile, FltCreateFileEx, the network
-// query open).
+// that opens a file (NtCreateFile and its relatives, ZwDeleteFile, FltCreateFileEx). The network
+// query open is in networkqueryopen.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/object.hpp>
@@ -23,6 +23,8 @@ std::u16string NameOf(const UNICODE_STRING* name)
 {
     return name != nullptr ? std::u16string(View(*name)) : std::u16string();
 }
+
+}  // namespace
 
 ULONG FileObjectFlagsFor(ULONG createOptions, ULONG attributes, bool volumeOpen)
 {
@@ -68,6 +70,8 @@ NTSTATUS PathForFileSystem(const FILE_OBJECT& fileObject, std::u16string* path)
     return STATUS_SUCCESS;
 }
 
+namespace {
+
 std::u16string ParentPath(const std::u16string& path)
 {
     size_t end = path.size();
@@ -79,6 +83,62 @@ std::u16string ParentPath(const std::u16string& path)
         return u"\\";
     }
     return path.substr(0, slash);
+}
+
+// The file system's IoSetShareAccess leaves what it recorded for the open in the file object,
+// where filters read it from the post-create on.
+void SetShareAccessFlags(FILE_OBJECT& fileObject, const RecordedShareAccess& recorded)
+{
+    fileObject.ReadAccess = recorded.readAccess;
+    fileObject.WriteAccess = recorded.writeAccess;
+    fileObject.DeleteAccess = recorded.deleteAccess;
+    fileObject.SharedRead = recorded.sharedRead;
+    fileObject.SharedWrite = recorded.sharedWrite;
+    fileObject.SharedDelete = recorded.sharedDelete;
+}
+
+// The name a create answered with STATUS_REPARSE goes on with, parsed from the root: for
+// IO_REPARSE the name a filter put in the file object; for a junction its substitute name and
+// what followed the junction in the opened name. STATUS_REPARSE, or why the open fails instead:
+// a tag nobody handled, or reparse data that does not hold together.
+NTSTATUS NameAfterReparse(const FILE_OBJECT& fileObject, ULONG_PTR tag, const FLT_TAG_DATA_BUFFER* tagData,
+                          std::u16string* name)
+{
+    const std::u16string_view opened = View(fileObject.FileName);
+    if (tag == IO_REPARSE) {
+        *name = std::u16string(opened);
+        return STATUS_REPARSE;
+    }
+    if (tag == IO_REPARSE_TAG_SYMLINK) {
+        return verifier::NotImplemented("the re-parse of a create at a symbolic link");
+    }
+    if (tag != IO_REPARSE_TAG_MOUNT_POINT) {
+        return STATUS_IO_REPARSE_TAG_NOT_HANDLED;
+    }
+    if (tagData == nullptr || tagData->FileTag != tag) {
+        return STATUS_IO_REPARSE_DATA_INVALID;
+    }
+    const auto& mountPoint = tagData->MountPointReparseBuffer;
+    const size_t namesStart = FIELD_OFFSET(FLT_TAG_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) -
+                              FIELD_OFFSET(FLT_TAG_DATA_BUFFER, MountPointReparseBuffer);
+    const size_t substituteEnd =
+        namesStart + size_t{mountPoint.SubstituteNameOffset} + size_t{mountPoint.SubstituteNameLength};
+    const size_t unparsed = tagData->UnparsedNameLength / sizeof(WCHAR);
+    if (substituteEnd > tagData->TagDataLength || mountPoint.SubstituteNameLength == 0 ||
+        (mountPoint.SubstituteNameOffset | mountPoint.SubstituteNameLength | tagData->UnparsedNameLength) % 2 != 0 ||
+        unparsed > opened.size()) {
+        return STATUS_IO_REPARSE_DATA_INVALID;
+    }
+    std::u16string substitute(mountPoint.SubstituteNameLength / sizeof(WCHAR), u'\0');
+    std::memcpy(substitute.data(),
+                reinterpret_cast<const UCHAR*>(mountPoint.PathBuffer) + mountPoint.SubstituteNameOffset,
+                mountPoint.SubstituteNameLength);
+    std::u16string_view rest = opened.substr(opened.size() - unparsed);
+    if (substitute.back() == u'\\' && !rest.empty() && rest.front() == u'\\') {
+        rest.remove_prefix(1);
+    }
+    *name = substitute + std::u16string(rest);
+    return STATUS_REPARSE;
 }
 
 void ReplaceFileName(FILE_OBJECT& fileObject, std::u16string_view name)
@@ -134,12 +194,15 @@ NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME
         }
     }
     if (best == nullptr) {
-        // "\Device\Nothing" names no object; "\Device\Nothing\file" goes through a missing one.
+        // The first component that names nothing decides: "\Device\Nothing" and "\nothing" name no
+        // object; "\Device\Nothing\file" and "\dir\file" (a volume-relative name parsed from the
+        // root) go through a missing one. Below the root only \Device holds the devices.
         size_t separators = 0;
         for (char16_t c : resolved) {
             separators += c == u'\\' ? 1 : 0;
         }
-        return separators > 2 ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND;
+        const bool underDevice = NameHasPrefix(resolved, u"\\Device\\");
+        return separators > (underDevice ? 2u : 1u) ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND;
     }
     *volume = best;
     *rest = resolved.substr(best->deviceName.size());
@@ -210,6 +273,8 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
             }
             return STATUS_INSUFFICIENT_RESOURCES;
         }
+        // The file object is an object from here on: filters may reference it during the create.
+        RegisterFileObject(record);
         FILE_OBJECT& fileObject = record->fileObject;
         fileObject.Flags = FileObjectFlagsFor(options, attributes->Attributes, related == nullptr && fileName.empty());
 
@@ -248,8 +313,10 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
         create.EaBuffer = request.eaBuffer;
         create.AllocationSize.QuadPart = request.allocationSize != nullptr ? request.allocationSize->QuadPart : 0;
 
+        std::vector<UCHAR> reparseBuffer;  // a reparse point the file system answered with
         Dispatch(*volume, request.below.get(), frame,
                  [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& parameters) {
+                     record->createStage = CreateStage::AfterFileSystem;
                      const auto& params = parameters.Parameters.Create;
                      VolumeCreateParameters volumeParameters;
                      NTSTATUS status = PathForFileSystem(*parameters.TargetFileObject, &volumeParameters.path);
@@ -269,8 +336,13 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
                      std::unique_ptr<VolumeOpen> open;
                      ULONG_PTR information = 0;
                      std::u16string finalComponent;
-                     status = volume->volume->Create(volumeParameters, &open, &information, &finalComponent);
+                     status = volume->volume->Create(volumeParameters, &open, &information, &finalComponent,
+                                                     &reparseBuffer);
+                     if (status == STATUS_REPARSE && !reparseBuffer.empty()) {
+                         data.TagData = reinterpret_cast<PFLT_TAG_DATA_BUFFER>(reparseBuffer.data());
+                     }
                      if (NT_SUCCESS(status) && open != nullptr) {
+                         SetShareAccessFlags(*parameters.TargetFileObject, open->ShareAccess());
                          record->open = std::move(open);
                          record->volumePath = volumeParameters.path;
                          if ((parameters.OperationFlags & SL_OPEN_TARGET_DIRECTORY) != 0) {
@@ -282,19 +354,19 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
                      data.IoStatus.Information = information;
                  });
         SeReleaseSubjectContext(&accessState.SubjectSecurityContext);
+        record->createStage = CreateStage::Finished;
 
         const NTSTATUS status = frame.data.IoStatus.Status;
         const ULONG_PTR information = frame.data.IoStatus.Information;
         if (!NT_SUCCESS(status) || status == STATUS_REPARSE) {
-            if (record->open != nullptr) {
-                // Opened below, then failed on the way up: the file system's open is undone.
-                volume->volume->Cleanup(*record->open);
+            NTSTATUS final = status;
+            if (status == STATUS_REPARSE) {
+                final = NameAfterReparse(fileObject, information, frame.data.TagData, &name);
             }
-            const bool reparse = status == STATUS_REPARSE && information == IO_REPARSE;
-            if (reparse) {
-                name = std::u16string(View(fileObject.FileName));
-            }
-            FreeFileObject(record);
+            const bool reparse = final == STATUS_REPARSE;
+            // The creator's reference goes; an open that a post-create cancelled gets its close when
+            // the last one goes (a filter may still hold one).
+            DereferenceFile(record);
             if (reparse && reparses < kMaximumReparses) {
                 // The new name is parsed from the root of the namespace again.
                 if (related != nullptr) {
@@ -306,33 +378,22 @@ NTSTATUS CreateFileObject(const CreateRequest& request, PIO_STATUS_BLOCK ioStatu
             if (related != nullptr) {
                 DereferenceFile(related);
             }
-            const NTSTATUS final = reparse ? STATUS_REPARSE_POINT_NOT_RESOLVED
-                                           : (status == STATUS_REPARSE ? STATUS_NOT_IMPLEMENTED : status);
-            if (status == STATUS_REPARSE && !reparse) {
-                verifier::NotImplemented("a create completed with STATUS_REPARSE and a tag other than IO_REPARSE");
+            if (reparse) {
+                final = STATUS_REPARSE_POINT_NOT_RESOLVED;
             }
             if (ioStatus != nullptr) {
                 ioStatus->Status = final;
-                ioStatus->Information = reparse ? 0 : information;
+                ioStatus->Information = status == STATUS_REPARSE ? 0 : information;
             }
             return final;
         }
 
         record->grantedAccess = access;
         record->createOptions = options;
-        fileObject.ReadAccess = (access & (FILE_READ_DATA | FILE_EXECUTE)) != 0;
-        fileObject.WriteAccess = (access & (FILE_WRITE_DATA | FILE_APPEND_DATA)) != 0;
-        fileObject.DeleteAccess = (access & DELETE) != 0;
-        if (!ignoreShareAccess) {
-            fileObject.SharedRead = (request.shareAccess & FILE_SHARE_READ) != 0;
-            fileObject.SharedWrite = (request.shareAccess & FILE_SHARE_WRITE) != 0;
-            fileObject.SharedDelete = (request.shareAccess & FILE_SHARE_DELETE) != 0;
-        }
         if ((options & FILE_DELETE_ON_CLOSE) != 0) {
             fileObject.Flags |= FO_DELETE_ON_CLOSE;
         }
         fileObject.Flags |= FO_FILE_OPEN;
-        RegisterFileObject(record);
         if (related != nullptr) {
             DereferenceFile(related);
         }
@@ -428,115 +489,7 @@ NTSTATUS DeleteFileAs(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes)
     return status;
 }
 
-// The network query open's file object lives on the caller's stack in Windows: it is never
-// referenced, has no handle, and gets neither cleanup nor close.
-NTSTATUS NetworkQueryOpen(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes,
-                          PFILE_NETWORK_OPEN_INFORMATION information, bool fastIo)
-{
-    if (ObjectAttributes == nullptr || ObjectAttributes->ObjectName == nullptr || information == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    FileObjectRecord* related = nullptr;
-    if (ObjectAttributes->RootDirectory != nullptr) {
-        NTSTATUS status = ReferenceFileByHandle(ObjectAttributes->RootDirectory, 0, mode, &related);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    std::shared_ptr<_FLT_VOLUME> volume;
-    std::u16string fileName(View(*ObjectAttributes->ObjectName));
-    if (related != nullptr) {
-        volume = related->volume;
-    } else {
-        std::u16string name = fileName;
-        NTSTATUS status = ResolveVolumePath(name, &volume, &fileName);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    FileObjectRecord* record = AllocateFileObject(volume, fileName, related != nullptr ? &related->fileObject : nullptr);
-    if (related != nullptr) {
-        DereferenceFile(related);
-    }
-    if (record == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    record->stackObject = true;
-    record->fileObject.Flags = FileObjectFlagsFor(0, ObjectAttributes->Attributes, false);
-
-    CallbackFrame frame(fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
-    frame.iopb.MajorFunction = IRP_MJ_NETWORK_QUERY_OPEN;
-    frame.iopb.TargetFileObject = &record->fileObject;
-    frame.iopb.Parameters.NetworkQueryOpen.Irp = nullptr;
-    frame.iopb.Parameters.NetworkQueryOpen.NetworkInformation = information;
-    DispatchResult result = Dispatch(
-        *volume, nullptr, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& parameters) {
-            VolumeCreateParameters volumeParameters;
-            NTSTATUS status = PathForFileSystem(*parameters.TargetFileObject, &volumeParameters.path);
-            std::unique_ptr<VolumeOpen> open;
-            ULONG_PTR createInformation = 0;
-            std::u16string finalComponent;
-            if (NT_SUCCESS(status)) {
-                volumeParameters.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
-                volumeParameters.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-                volumeParameters.disposition = FILE_OPEN;
-                status = volume->volume->Create(volumeParameters, &open, &createInformation, &finalComponent);
-            }
-            ULONG returned = 0;
-            if (NT_SUCCESS(status)) {
-                status = volume->volume->QueryInformation(*open, FileNetworkOpenInformation,
-                                                          parameters.Parameters.NetworkQueryOpen.NetworkInformation,
-                                                          sizeof(FILE_NETWORK_OPEN_INFORMATION), &returned);
-                volume->volume->Cleanup(*open);
-            }
-            data.IoStatus.Status = status;
-            data.IoStatus.Information = NT_SUCCESS(status) ? returned : 0;
-        });
-    NTSTATUS status = frame.data.IoStatus.Status;
-    FreeFileObject(record);
-    return result == DispatchResult::FastIoRefused ? STATUS_FLT_DISALLOW_FAST_IO : status;
-}
-
-NTSTATUS QueryFullAttributesAs(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES ObjectAttributes,
-                               PFILE_NETWORK_OPEN_INFORMATION FileInformation)
-{
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryFullAttributesFile");
-    ScopedPreviousMode previousMode(mode);
-    NTSTATUS status = NetworkQueryOpen(mode, ObjectAttributes, FileInformation, true);
-    if (status != STATUS_FLT_DISALLOW_FAST_IO) {
-        return status;
-    }
-    // The fast path was refused: an ordinary open, a query and a close, each through the stack.
-    CreateRequest request;
-    request.objectAttributes = ObjectAttributes;
-    request.desiredAccess = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
-    request.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    request.disposition = FILE_OPEN;
-    request.mode = mode;
-    FileObjectRecord* record = nullptr;
-    IO_STATUS_BLOCK ioStatus{};
-    status = CreateFileObject(request, &ioStatus, &record);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    ULONG returned = 0;
-    status = QueryInformationThroughStack(record, nullptr, FileInformation, sizeof(FILE_NETWORK_OPEN_INFORMATION),
-                                          FileNetworkOpenInformation, mode, false, &returned);
-    DereferenceFile(record);
-    return status;
-}
-
 }  // namespace
-
-namespace ntsim {
-
-NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
-                            bool fastIo)
-{
-    return NetworkQueryOpen(ExGetPreviousMode(), objectAttributes, information, fastIo);
-}
-
-}  // namespace ntsim
 
 extern "C" {
 
@@ -584,18 +537,6 @@ NTSTATUS NTAPI ZwDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes)
         return *failure;
     }
     return DeleteFileAs(KernelMode, ObjectAttributes);
-}
-
-NTSTATUS NTAPI NtQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                         PFILE_NETWORK_OPEN_INFORMATION FileInformation)
-{
-    return QueryFullAttributesAs(ExGetPreviousMode(), ObjectAttributes, FileInformation);
-}
-
-NTSTATUS NTAPI ZwQueryFullAttributesFile(POBJECT_ATTRIBUTES ObjectAttributes,
-                                         PFILE_NETWORK_OPEN_INFORMATION FileInformation)
-{
-    return QueryFullAttributesAs(KernelMode, ObjectAttributes, FileInformation);
 }
 
 NTSTATUS FLTAPI FltCreateFileEx(PFLT_FILTER Filter, PFLT_INSTANCE Instance, PHANDLE FileHandle,

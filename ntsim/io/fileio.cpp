@@ -1,6 +1,6 @@
-// Operations on open files: read, write, query information, directory queries, EAs and flushes, as
-// the native API, the Filter Manager's I/O below a filter, and the test-issued forms. Set
-// information is in setinformation.cpp, the cache's write-back in cachemanager.cpp.
+// Operations on open files: read, write, directory queries, EAs and flushes, as the native API, the
+// Filter Manager's I/O below a filter, and the test-issued forms. Query and set information are in
+// queryinformation.cpp and setinformation.cpp, the cache's write-back in cachemanager.cpp.
 #include "iomgr.hpp"
 
 #include <ntsim/sim/process.hpp>
@@ -8,7 +8,6 @@
 #include <ntsim/sim/verifier.hpp>
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 namespace ntsim::iomgr {
@@ -90,6 +89,30 @@ NTSTATUS WriteToVolume(FileObjectRecord* record, const FLT_IO_PARAMETER_BLOCK& p
     return status;
 }
 
+// The fast read and write paths of the file systems find fast I/O questionable and ask the top of
+// the stack before they copy, as FsRtlCopyRead and FsRtlCopyWrite do: IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE
+// through every filter below `below`, then the file system's own answer, which is yes (ntsim's
+// volumes keep no byte-range locks or oplocks). False when a filter refused or failed the check.
+bool FastIoPossible(FileObjectRecord* record, const _FLT_INSTANCE* below, LONGLONG offset, ULONG length, bool read,
+                    KPROCESSOR_MODE mode)
+{
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_FAST_IO_OPERATION, mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE;
+    iopb.TargetFileObject = &record->fileObject;
+    auto& check = iopb.Parameters.FastIoCheckIfPossible;
+    check.FileOffset.QuadPart = offset;
+    check.Length = length;
+    check.LockKey = 0;
+    check.CheckForReadOperation = read;
+    DispatchResult result =
+        Dispatch(*record->volume, below, frame, [](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK&) {
+            data.IoStatus.Status = STATUS_SUCCESS;
+            data.IoStatus.Information = 0;
+        });
+    return result == DispatchResult::Completed && NT_SUCCESS(frame.data.IoStatus.Status);
+}
+
 // One attempt of a read or write: as fast I/O or as an IRP.
 DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fastIo, IO_STATUS_BLOCK* ioStatus)
 {
@@ -117,7 +140,10 @@ DispatchResult SendReadWrite(const ReadWrite& request, LONGLONG offset, bool fas
         Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
             ULONG transferred = 0;
             NTSTATUS status;
-            if (record->open == nullptr || record->closed) {
+            if (fastIo && !FastIoPossible(record, below, offset, request.length, !request.write, frame.data.RequestorMode)) {
+                // The fast path declines; the I/O manager sends the operation as an IRP.
+                status = STATUS_FLT_DISALLOW_FAST_IO;
+            } else if (record->open == nullptr || record->closed) {
                 status = STATUS_FILE_CLOSED;
             } else if (record->cleanedUp && (params.IrpFlags & IRP_PAGING_IO) == 0) {
                 // After cleanup only the cache and memory managers' paging I/O may come.
@@ -196,19 +222,6 @@ NTSTATUS DoReadWrite(const ReadWrite& request, PIO_STATUS_BLOCK ioStatus, ULONG*
     return result.Status;
 }
 
-ACCESS_MASK AccessToQuery(FILE_INFORMATION_CLASS infoClass)
-{
-    switch (infoClass) {
-    case FileBasicInformation:
-    case FileAllInformation:
-    case FileNetworkOpenInformation:
-    case FileAttributeTagInformation:
-        return FILE_READ_ATTRIBUTES;
-    default:
-        return 0;
-    }
-}
-
 NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
                                     FILE_INFORMATION_CLASS infoClass, PCUNICODE_STRING pattern, UCHAR flags,
                                     ULONG fileIndex, KPROCESSOR_MODE mode)
@@ -261,47 +274,40 @@ NTSTATUS QueryDirectoryThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK i
     return frame.data.IoStatus.Status;
 }
 
+// IRP_MJ_QUERY_EA through the stack below the file object's opening instance, with the caller's
+// buffer (Windows has no fast I/O form of it).
 NTSTATUS QueryEaThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, PVOID buffer, ULONG length,
-                             UCHAR flags, PVOID eaList, ULONG eaListLength, ULONG eaIndex, bool tryFastIo,
-                             KPROCESSOR_MODE mode)
+                             UCHAR flags, PVOID eaList, ULONG eaListLength, ULONG eaIndex, KPROCESSOR_MODE mode)
 {
-    IO_STATUS_BLOCK result{};
-    for (bool fastIo : {true, false}) {
-        if (fastIo && !tryFastIo) {
-            continue;
-        }
-        CallbackFrame frame(fastIo ? FLTFL_CALLBACK_DATA_FAST_IO_OPERATION : FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
-        FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
-        iopb.MajorFunction = IRP_MJ_QUERY_EA;
-        iopb.OperationFlags = flags;
-        iopb.IrpFlags = fastIo ? 0 : IRP_SYNCHRONOUS_API;
-        iopb.TargetFileObject = &record->fileObject;
-        auto& query = iopb.Parameters.QueryEa;
-        query.Length = length;
-        query.EaList = eaList;
-        query.EaListLength = eaListLength;
-        query.EaIndex = eaIndex;
-        query.EaBuffer = buffer;
-        DispatchResult dispatched = Dispatch(
-            *record->volume, record->below.get(), frame,
-            [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-                ULONG returned = 0;
-                NTSTATUS status = record->open == nullptr
-                                      ? STATUS_FILE_CLOSED
-                                      : record->volume->volume->QueryEa(*record->open, params.Parameters.QueryEa.EaBuffer,
-                                                                        params.Parameters.QueryEa.Length, &returned);
-                data.IoStatus.Status = status;
-                data.IoStatus.Information = returned;
-            });
-        result = frame.data.IoStatus;
-        if (dispatched == DispatchResult::Completed) {
-            break;
-        }
-    }
-    if (ioStatus != nullptr) {
-        *ioStatus = result;
-    }
-    return result.Status;
+    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION, mode);
+    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
+    iopb.MajorFunction = IRP_MJ_QUERY_EA;
+    iopb.OperationFlags = flags;
+    iopb.IrpFlags = IRP_SYNCHRONOUS_API;
+    iopb.TargetFileObject = &record->fileObject;
+    auto& query = iopb.Parameters.QueryEa;
+    query.Length = length;
+    query.EaList = eaList;
+    query.EaListLength = eaListLength;
+    query.EaIndex = eaIndex;
+    query.EaBuffer = buffer;
+    Dispatch(*record->volume, record->below.get(), frame,
+             [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
+                 const auto& q = params.Parameters.QueryEa;
+                 ULONG returned = 0;
+                 NTSTATUS status = STATUS_FILE_CLOSED;
+                 if (record->open != nullptr) {
+                     const VolumeEaQuery eaQuery{.flags = params.OperationFlags,
+                                                 .eaList = q.EaList,
+                                                 .eaListLength = q.EaListLength,
+                                                 .eaIndex = q.EaIndex};
+                     status = record->volume->volume->QueryEa(*record->open, eaQuery, q.EaBuffer, q.Length, &returned);
+                 }
+                 data.IoStatus.Status = status;
+                 data.IoStatus.Information = returned;
+             });
+    *ioStatus = frame.data.IoStatus;
+    return frame.data.IoStatus.Status;
 }
 
 NTSTATUS FlushBuffersThroughStack(FileObjectRecord* record, PIO_STATUS_BLOCK ioStatus, KPROCESSOR_MODE mode)
@@ -350,50 +356,6 @@ NTSTATUS SendPagingWrite(FileObjectRecord* record, LONGLONG offset, ULONG length
     request.updatePosition = false;
     request.mode = KernelMode;
     return DoReadWrite(request, nullptr, written);
-}
-
-NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
-                                      ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
-                                      bool generated, ULONG* returned)
-{
-    if (infoClass == FilePositionInformation && (record->fileObject.Flags & FO_SYNCHRONOUS_IO) != 0) {
-        if (length < sizeof(FILE_POSITION_INFORMATION)) {
-            return STATUS_INFO_LENGTH_MISMATCH;
-        }
-        std::lock_guard lock(record->positionMutex);
-        static_cast<PFILE_POSITION_INFORMATION>(buffer)->CurrentByteOffset = record->fileObject.CurrentByteOffset;
-        *returned = sizeof(FILE_POSITION_INFORMATION);
-        return STATUS_SUCCESS;
-    }
-    std::vector<UCHAR> systemBuffer(length);
-    CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
-                            (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
-                        mode);
-    FLT_IO_PARAMETER_BLOCK& iopb = frame.iopb;
-    iopb.MajorFunction = IRP_MJ_QUERY_INFORMATION;
-    iopb.IrpFlags = IRP_BUFFERED_IO | IRP_INPUT_OPERATION | IRP_SYNCHRONOUS_API;
-    iopb.TargetFileObject = &record->fileObject;
-    iopb.Parameters.QueryFileInformation.Length = length;
-    iopb.Parameters.QueryFileInformation.FileInformationClass = infoClass;
-    iopb.Parameters.QueryFileInformation.InfoBuffer = systemBuffer.data();
-    Dispatch(*record->volume, below, frame, [&](FLT_CALLBACK_DATA& data, const FLT_IO_PARAMETER_BLOCK& params) {
-        const auto& q = params.Parameters.QueryFileInformation;
-        ULONG filled = 0;
-        NTSTATUS status = record->open == nullptr ? STATUS_FILE_CLOSED
-                                                  : record->volume->volume->QueryInformation(
-                                                        *record->open, q.FileInformationClass, q.InfoBuffer,
-                                                        q.Length, &filled);
-        data.IoStatus.Status = status;
-        data.IoStatus.Information = filled;
-    });
-    const NTSTATUS status = frame.data.IoStatus.Status;
-    ULONG copied = 0;
-    if (!NT_ERROR(status)) {
-        copied = static_cast<ULONG>(std::min<ULONG_PTR>(frame.data.IoStatus.Information, length));
-        std::memcpy(buffer, systemBuffer.data(), copied);
-    }
-    *returned = copied;
-    return status;
 }
 
 }  // namespace ntsim::iomgr
@@ -544,17 +506,6 @@ NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, con
     return DoReadWrite(rw, nullptr, transferred);
 }
 
-NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned)
-{
-    IO_STATUS_BLOCK ioStatus{};
-    NTSTATUS status = QueryEaThroughStack(RecordOf(fileObject), &ioStatus, buffer, length, 0, nullptr, 0, 0, fastIo,
-                                          ExGetPreviousMode());
-    if (returned != nullptr) {
-        *returned = static_cast<ULONG>(ioStatus.Information);
-    }
-    return status;
-}
-
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned)
 {
@@ -601,38 +552,6 @@ NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcR
 {
     return NativeReadWrite(true, KernelMode, FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, Buffer, Length,
                            ByteOffset);
-}
-
-static NTSTATUS QueryInformationAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
-                                   PVOID FileInformation, ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "NtQueryInformationFile");
-    if (IoStatusBlock == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ScopedPreviousMode previousMode(mode);
-    HandleReference file(FileHandle, AccessToQuery(FileInformationClass), mode);
-    if (!NT_SUCCESS(file.status())) {
-        return file.status();
-    }
-    ULONG returned = 0;
-    NTSTATUS status = QueryInformationThroughStack(file.get(), nullptr, FileInformation, Length, FileInformationClass,
-                                                   mode, false, &returned);
-    SetIoStatus(IoStatusBlock, status, returned);
-    return status;
-}
-
-NTSTATUS NTAPI NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return QueryInformationAs(ExGetPreviousMode(), FileHandle, IoStatusBlock, FileInformation, Length,
-                              FileInformationClass);
-}
-
-NTSTATUS NTAPI ZwQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
-                                      ULONG Length, FILE_INFORMATION_CLASS FileInformationClass)
-{
-    return QueryInformationAs(KernelMode, FileHandle, IoStatusBlock, FileInformation, Length, FileInformationClass);
 }
 
 // The smallest buffer a directory query of infoClass may bring: its record with a one-character
@@ -774,10 +693,21 @@ static NTSTATUS QueryEaAs(KPROCESSOR_MODE mode, HANDLE FileHandle, PIO_STATUS_BL
     if (!NT_SUCCESS(file.status())) {
         return file.status();
     }
+    // The caller's list of names is captured and checked before any driver sees it.
+    std::vector<UCHAR> capturedList;
+    if (EaList != nullptr && EaListLength != 0) {
+        capturedList.assign(static_cast<const UCHAR*>(EaList), static_cast<const UCHAR*>(EaList) + EaListLength);
+        ULONG badOffset = 0;
+        if (!ParseEaNameList(capturedList.data(), EaListLength, nullptr, &badOffset)) {
+            SetIoStatus(IoStatusBlock, STATUS_EA_LIST_INCONSISTENT, badOffset);
+            return STATUS_EA_LIST_INCONSISTENT;
+        }
+    }
     UCHAR flags = (ReturnSingleEntry ? SL_RETURN_SINGLE_ENTRY : 0) | (RestartScan ? SL_RESTART_SCAN : 0) |
                   (EaIndex != nullptr ? SL_INDEX_SPECIFIED : 0);
-    return QueryEaThroughStack(file.get(), IoStatusBlock, Buffer, Length, flags, EaList, EaListLength,
-                               EaIndex != nullptr ? *EaIndex : 0, false, mode);
+    return QueryEaThroughStack(file.get(), IoStatusBlock, Buffer, Length, flags,
+                               capturedList.empty() ? nullptr : capturedList.data(),
+                               static_cast<ULONG>(capturedList.size()), EaIndex != nullptr ? *EaIndex : 0, mode);
 }
 
 NTSTATUS NTAPI NtQueryEaFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
@@ -843,27 +773,6 @@ NTSTATUS FLTAPI FltWriteFile(PFLT_INSTANCE InitiatingInstance, PFILE_OBJECT File
     }
     return FltReadWrite(true, InitiatingInstance, FileObject, ByteOffset, Length, Buffer, Flags, BytesWritten,
                         CallbackRoutine);
-}
-
-NTSTATUS FLTAPI FltQueryInformationFile(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject, PVOID FileInformation,
-                                        ULONG Length, FILE_INFORMATION_CLASS FileInformationClass,
-                                        PULONG LengthReturned)
-{
-    if (auto failure = faults::Check("FltQueryInformationFile")) {
-        return *failure;
-    }
-    verifier::AssertIrqlAtMost(PASSIVE_LEVEL, "FltQueryInformationFile");
-    auto instance = InstanceOf(Instance);
-    if (instance == nullptr || FileObject == nullptr || FileInformation == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    ULONG returned = 0;
-    NTSTATUS status = QueryInformationThroughStack(RecordOf(FileObject), instance.get(), FileInformation, Length,
-                                                   FileInformationClass, KernelMode, true, &returned);
-    if (LengthReturned != nullptr) {
-        *LengthReturned = returned;
-    }
-    return status;
 }
 
 }  // extern "C"

@@ -25,10 +25,14 @@ const ob::ObjectType& FileType()
             }
         },
         [](void* object) {
-            // A file object that never had a handle gets its cleanup here, before the close.
+            // An opened file object that never had a handle gets its cleanup here, before the
+            // close; one whose create failed gets them only if the file system had opened it (a
+            // cancelled open, whose cleanup the cancel sent).
             auto* record = static_cast<FileObjectRecord*>(object);
-            SendCleanup(record);
-            SendClose(record);
+            if ((record->fileObject.Flags & FO_FILE_OPEN) != 0 || record->open != nullptr) {
+                SendCleanup(record);
+                SendClose(record);
+            }
             FreeFileObject(record);
         });
     return *type;

@@ -2,13 +2,16 @@
 //
 // Pre-operation callbacks run from the highest altitude down. What each returns decides:
 //   SUCCESS_WITH_CALLBACK, SYNCHRONIZE  go on down; this instance's post-callback runs later with
-//                                       the completion context (everything is synchronous, so the
-//                                       two are the same here)
+//                                       the completion context (everything is synchronous: the two
+//                                       differ only in where the post-callback may run, see
+//                                       fltcompletion.cpp)
 //   SUCCESS_NO_CALLBACK                 go on down; no post-callback
 //   COMPLETE                            the operation ends with the IoStatus the filter set: nothing
 //                                       below runs and this instance's post-callback is not called
 //   DISALLOW_FASTIO                     fast I/O only: the fast attempt ends; the caller reissues the
 //                                       operation as an IRP
+// The file system may decline a fast I/O attempt too (its fast I/O routine answers FALSE): it sets
+// STATUS_FLT_DISALLOW_FAST_IO, and the attempt ends as a refusal by a filter would.
 // Post-operation callbacks then run from the lowest instance that asked for one up. The file system
 // sees the callback data's parameters only if the data is dirty when the pre-callbacks are done;
 // otherwise it sees the parameters as the operation was issued.
@@ -37,6 +40,7 @@ namespace {
 struct PendingPost {
     std::shared_ptr<_FLT_INSTANCE> instance;
     PVOID context;
+    bool synchronized;  // the pre-callback returned FLT_PREOP_SYNCHRONIZE
 };
 
 bool SkippedByRegistration(const _FLT_INSTANCE& instance, const FLT_CALLBACK_DATA& data)
@@ -71,16 +75,18 @@ void RunPostCallbacks(_FLT_VOLUME& volume, CallbackFrame& frame, std::vector<Pen
         frame.iopb.TargetInstance = &instance;
         const FLT_RELATED_OBJECTS objects{sizeof(FLT_RELATED_OBJECTS), 0, instance.filter.get(), &volume, &instance,
                                           frame.iopb.TargetFileObject, nullptr};
-        FLT_POSTOP_CALLBACK_STATUS status;
-        {
-            verifier::CallbackScope scope("post-operation callback");
-            status = instance.post[frame.iopb.MajorFunction](&data, &objects, post->context, 0);
+        const NTSTATUS statusBefore = data.IoStatus.Status;
+        const FLT_POSTOP_CALLBACK_STATUS status = CallPostOperationCallback(
+            instance.post[frame.iopb.MajorFunction], data, objects, post->context, post->synchronized);
+        if (frame.iopb.MajorFunction == IRP_MJ_CREATE) {
+            CheckPostCreateResult(RecordOf(frame.iopb.TargetFileObject), post->instance, data, statusBefore);
         }
         if (status != FLT_POSTOP_FINISHED_PROCESSING) {
             verifier::BugCheck(rules::kInvalidPostopStatus,
                                CallbackName(instance, "post-operation", frame.iopb.MajorFunction) + " returned " +
                                    std::to_string(status) +
-                                   " (only FLT_POSTOP_FINISHED_PROCESSING is supported: all I/O is synchronous)");
+                                   " (only FLT_POSTOP_FINISHED_PROCESSING is supported, or "
+                                   "FLT_POSTOP_MORE_PROCESSING_REQUIRED from FltDoCompletionProcessingWhenSafe)");
         }
     }
     data.Flags &= ~FLTFL_CALLBACK_DATA_POST_OPERATION;
@@ -117,7 +123,7 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
         case FLT_PREOP_SUCCESS_WITH_CALLBACK:
         case FLT_PREOP_SYNCHRONIZE:
             if (hasPost) {
-                posts.push_back({instance, context});
+                posts.push_back({instance, context, status == FLT_PREOP_SYNCHRONIZE});
             } else if (context != nullptr) {
                 verifier::BugCheck(rules::kContextWithoutPostCallback,
                                    CallbackName(*instance, "pre-operation", major) +
@@ -168,6 +174,10 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
         ApplyLockedBuffer(frame, parameters);
         parameters.TargetInstance = nullptr;
         fileSystem(data, parameters);
+        if (fastIo && data.IoStatus.Status == STATUS_FLT_DISALLOW_FAST_IO) {
+            data.IoStatus.Information = 0;
+            fastIoRefused = true;
+        }
     }
     data.Flags &= ~FLTFL_CALLBACK_DATA_DIRTY;
     RunPostCallbacks(volume, frame, posts);
@@ -175,3 +185,29 @@ DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, Callbac
 }
 
 }  // namespace ntsim::iomgr
+
+using namespace ntsim::iomgr;
+
+extern "C" {
+
+// Whether the operation completes in the thread that issued it, as IoIsOperationSynchronous
+// decides for an IRP: fast I/O and file system filter operations always do; paging I/O does when
+// it is synchronous paging I/O, whatever the file object; other IRPs do when they come from a
+// synchronous API or through a file object opened for synchronous I/O.
+BOOLEAN FLTAPI FltIsOperationSynchronous(PFLT_CALLBACK_DATA CallbackData)
+{
+    if (!FLT_IS_IRP_OPERATION(CallbackData)) {
+        return TRUE;
+    }
+    const ULONG irpFlags = CallbackData->Iopb->IrpFlags;
+    if ((irpFlags & IRP_PAGING_IO) != 0) {
+        return (irpFlags & IRP_SYNCHRONOUS_PAGING_IO) != 0;
+    }
+    if ((irpFlags & IRP_SYNCHRONOUS_API) != 0) {
+        return TRUE;
+    }
+    const PFILE_OBJECT fileObject = CallbackData->Iopb->TargetFileObject;
+    return fileObject != nullptr && (fileObject->Flags & FO_SYNCHRONOUS_IO) != 0;
+}
+
+}  // extern "C"

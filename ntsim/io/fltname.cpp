@@ -35,6 +35,34 @@ UNICODE_STRING Slice(const UNICODE_STRING& name, size_t start, size_t end)
     return part;
 }
 
+// The normalized name of a file that a create is about to make: its parent normalized and the last
+// component as the caller gave it (a tunneled or short name stays as given). A parent that does
+// not exist fails the query with STATUS_OBJECT_PATH_NOT_FOUND.
+NTSTATUS NormalizeNameToCreate(Volume& volume, std::u16string_view opened, std::u16string* path)
+{
+    std::u16string_view trimmed = opened;
+    if (trimmed.size() > 1 && trimmed.back() == u'\\') {
+        trimmed.remove_suffix(1);
+    }
+    const size_t slash = trimmed.rfind(u'\\');
+    if (slash == std::u16string_view::npos) {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    std::u16string parent;
+    NTSTATUS status = volume.NormalizePath(std::u16string(trimmed.substr(0, slash == 0 ? 1 : slash)), &parent);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND) {
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    }
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (parent.empty() || parent.back() != u'\\') {
+        parent += u'\\';
+    }
+    *path = parent + std::u16string(trimmed.substr(slash + 1));
+    return STATUS_SUCCESS;
+}
+
 // The path on the volume of the target of an operation: of the open when the file system has
 // opened it, else as the create names it (before the file system saw it, or a network query open).
 NTSTATUS TargetPath(FileObjectRecord* record, bool normalized, std::u16string* path)
@@ -58,7 +86,12 @@ NTSTATUS TargetPath(FileObjectRecord* record, bool normalized, std::u16string* p
         *path = std::move(opened);
         return STATUS_SUCCESS;
     }
-    return record->volume->volume->NormalizePath(opened, path);
+    Volume& volume = *record->volume->volume;
+    NTSTATUS status = volume.NormalizePath(opened, path);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND && record->createStage == CreateStage::BeforeFileSystem) {
+        return NormalizeNameToCreate(volume, opened, path);
+    }
+    return status;
 }
 
 NTSTATUS GetName(PFILE_OBJECT fileObject, const _FLT_INSTANCE* instance, FLT_FILE_NAME_OPTIONS options,
@@ -67,7 +100,11 @@ NTSTATUS GetName(PFILE_OBJECT fileObject, const _FLT_INSTANCE* instance, FLT_FIL
     if (auto failure = faults::Check("FltGetFileNameInformation")) {
         return *failure;
     }
-    verifier::AssertIrqlAtMost(APC_LEVEL, "FltGetFileNameInformation");
+    if (KeGetCurrentIrql() > APC_LEVEL) {
+        // Reported; the query then fails rather than touch paged pool where it may not.
+        verifier::AssertIrqlAtMost(APC_LEVEL, "FltGetFileNameInformation");
+        return STATUS_FLT_INVALID_NAME_REQUEST;
+    }
     if (fileObject == nullptr || instance == nullptr || result == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }

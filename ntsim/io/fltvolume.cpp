@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 namespace ntsim::iomgr {
@@ -85,14 +86,27 @@ std::shared_ptr<_FLT_INSTANCE> InstanceOf(PFLT_INSTANCE instance)
     return nullptr;
 }
 
-std::vector<std::shared_ptr<_FLT_INSTANCE>> InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below)
+void InstanceSnapshot::Add(const std::shared_ptr<_FLT_INSTANCE>& instance)
+{
+    if (spilled_.empty() && count_ < kInline) {
+        held_[count_++] = instance;
+        return;
+    }
+    if (spilled_.empty()) {
+        spilled_.assign(std::make_move_iterator(held_.begin()), std::make_move_iterator(held_.end()));
+    }
+    spilled_.push_back(instance);
+    count_ += 1;
+}
+
+InstanceSnapshot InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below)
 {
     Registry& registry = GetRegistry();
     std::lock_guard lock(registry.mutex);
-    std::vector<std::shared_ptr<_FLT_INSTANCE>> result;
+    InstanceSnapshot result;
     for (const auto& instance : volume.instances) {
         if (below == nullptr || instance->filter->altitudeValue < below->filter->altitudeValue) {
-            result.push_back(instance);
+            result.Add(instance);
         }
     }
     return result;

@@ -75,6 +75,17 @@ inline constexpr std::string_view kBadObject = "FLT_BAD_OBJECT";
 inline constexpr std::string_view kFilterNotUnregistered = "FLT_FILTER_NOT_UNREGISTERED";
 inline constexpr std::string_view kFileObjectReused = "IO_FILE_OBJECT_USED_AFTER_CLOSE";
 inline constexpr std::string_view kNameInformationLeak = "FLT_NAME_INFORMATION_LEAK";
+// A post-create turned an open that the file system made into a failure without FltCancelFileOpen.
+inline constexpr std::string_view kOpenFailedWithoutCancel = "FLT_OPEN_FAILED_WITHOUT_CANCEL";
+// A post-create left a success status on an open that was cancelled.
+inline constexpr std::string_view kCancelledOpenNotFailed = "FLT_CANCELLED_OPEN_NOT_FAILED";
+// FltCancelFileOpen outside the post-create of an open the file system made, after a handle was
+// made, or twice.
+inline constexpr std::string_view kInvalidCancelOfFileOpen = "INVALID_CANCEL_OF_FILE_OPEN";
+// A buffered operation completed with IoStatus.Information beyond the caller's buffer.
+inline constexpr std::string_view kInformationBeyondBuffer = "IO_INFORMATION_BEYOND_BUFFER";
+// A driver referenced the file object of a network query open, which lives on its caller's stack.
+inline constexpr std::string_view kStackFileObjectReferenced = "IO_STACK_FILE_OBJECT_REFERENCED";
 }  // namespace rules
 
 // A pool tag whose bytes in memory read as text.
@@ -112,9 +123,26 @@ std::shared_ptr<_FLT_VOLUME> VolumeOfDevice(PDEVICE_OBJECT device);
 std::shared_ptr<_FLT_FILTER> FilterOf(PFLT_FILTER filter);
 std::shared_ptr<_FLT_INSTANCE> InstanceOf(PFLT_INSTANCE instance);
 
+// The instances that one operation visits, highest first, each kept alive until the operation is
+// done. A volume has few instances: up to kInline of them are held without a heap allocation, so
+// that the walk of an operation through them allocates nothing, as the Filter Manager's own walk.
+class InstanceSnapshot {
+public:
+    void Add(const std::shared_ptr<_FLT_INSTANCE>& instance);
+    const std::shared_ptr<_FLT_INSTANCE>* begin() const { return spilled_.empty() ? held_.data() : spilled_.data(); }
+    const std::shared_ptr<_FLT_INSTANCE>* end() const { return begin() + count_; }
+    size_t size() const { return count_; }
+
+private:
+    static constexpr size_t kInline = 4;
+    std::array<std::shared_ptr<_FLT_INSTANCE>, kInline> held_;
+    std::vector<std::shared_ptr<_FLT_INSTANCE>> spilled_;  // all of them, once there are more
+    size_t count_ = 0;
+};
+
 // The instances of volume that an operation visits: all attached ones, or only those below
 // `below` (by altitude) when it is given. Highest first.
-std::vector<std::shared_ptr<_FLT_INSTANCE>> InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below);
+InstanceSnapshot InstancesBelow(_FLT_VOLUME& volume, const _FLT_INSTANCE* below);
 
 // Offers volume to filter: instance setup, and the instance's attachment on success.
 void SetupInstance(const std::shared_ptr<_FLT_FILTER>& filter, const std::shared_ptr<_FLT_VOLUME>& volume,
@@ -124,6 +152,13 @@ void TeardownInstance(const std::shared_ptr<_FLT_INSTANCE>& instance, FLT_INSTAN
 
 // ---- file objects ----
 
+// How far the create of a file object has come.
+enum class CreateStage {
+    BeforeFileSystem,  // pre-create callbacks run; nothing below has answered yet
+    AfterFileSystem,   // the file system (or a filter in its place) answered; post-create callbacks run
+    Finished,          // the create returned to its caller
+};
+
 // The record behind every FILE_OBJECT the I/O manager makes. The FILE_OBJECT comes first, so a
 // PFILE_OBJECT is the record's address.
 struct FileObjectRecord {
@@ -132,7 +167,11 @@ struct FileObjectRecord {
     std::shared_ptr<_FLT_VOLUME> volume;
     std::unique_ptr<VolumeOpen> open;     // null until the file system opened it
     std::u16string volumePath;            // the open's path on the volume ("\dir\file")
-    std::shared_ptr<_FLT_INSTANCE> below; // opened by FltCreateFileEx at this instance, or null
+    // Cleanup and close go only below this instance: the one FltCreateFileEx opened at, or the one
+    // that cancelled the open. Null: through every instance.
+    std::shared_ptr<_FLT_INSTANCE> below;
+    CreateStage createStage = CreateStage::BeforeFileSystem;
+    bool openCancelled = false;           // FltCancelFileOpen (or the verifier in its place) ran
     ACCESS_MASK grantedAccess = 0;
     ULONG createOptions = 0;
     bool stackObject = false;             // lives only for one call (network query open)
@@ -150,9 +189,11 @@ FileObjectRecord* RecordOf(PFILE_OBJECT fileObject);
 // Makes a file object for an open of volume; the FileName buffer is allocated here.
 FileObjectRecord* AllocateFileObject(const std::shared_ptr<_FLT_VOLUME>& volume, std::u16string_view fileName,
                                       PFILE_OBJECT related);
-// Frees a file object whose create did not succeed (no cleanup, no close) or a stack file object.
+// Frees a stack file object (the network query open's), which the object manager never knew.
 void FreeFileObject(FileObjectRecord* record);
-// Makes an opened file object known to the object manager, with one reference (the caller's).
+// Makes a file object known to the object manager before its create is sent, with one reference
+// (the creator's). Its last reference frees it, with cleanup and close first if the file system
+// opened it.
 void RegisterFileObject(FileObjectRecord* record);
 // Opens a handle to a registered file object (the handle takes its own reference).
 NTSTATUS InsertFileHandle(FileObjectRecord* record, ULONG attributes, ACCESS_MASK grantedAccess,
@@ -205,14 +246,42 @@ using FileSystemRoutine = std::function<void(FLT_CALLBACK_DATA& data, const FLT_
 DispatchResult Dispatch(_FLT_VOLUME& volume, const _FLT_INSTANCE* below, CallbackFrame& frame,
                         const FileSystemRoutine& fileSystem);
 
+// Calls one post-operation callback in the context the Filter Manager would give it (see
+// PostOperationContext): synchronized is whether its pre-callback returned FLT_PREOP_SYNCHRONIZE.
+// When the callback handed its work to FltDoCompletionProcessingWhenSafe, waits for that work and
+// returns what it returned.
+FLT_POSTOP_CALLBACK_STATUS CallPostOperationCallback(PFLT_POST_OPERATION_CALLBACK callback, FLT_CALLBACK_DATA& data,
+                                                     const FLT_RELATED_OBJECTS& objects, PVOID context,
+                                                     bool synchronized);
+
+// ---- the cancel of an open ----
+
+// Sends the cleanup of an open that the file system made to the layers below instance, which
+// take its close as well when the file object's last reference goes.
+void CancelOpen(FileObjectRecord* record, const std::shared_ptr<_FLT_INSTANCE>& instance);
+// After each post-create callback: a successful open turned into a failure must have been
+// cancelled, and a cancelled one must have failed (verifier rules; the open is then cancelled, or
+// failed, in the callback's place). statusBefore is what the callback received.
+void CheckPostCreateResult(FileObjectRecord* record, const std::shared_ptr<_FLT_INSTANCE>& instance,
+                           FLT_CALLBACK_DATA& data, NTSTATUS statusBefore);
+
 // ---- operations on an open file object ----
 
 // IRP_MJ_QUERY_INFORMATION through the stack (below `below`, if given), with a system buffer
 // whose first IoStatus.Information bytes go back to the caller's buffer unless the status is an
-// error.
+// error (queryinformation.cpp).
 NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
                                       ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
                                       bool generated, ULONG* returned);
+// The fast I/O form of a query of basic, standard or network-open information: the caller's buffer,
+// Length the record's size. FastIoRefused when a filter or the file system declined it.
+DispatchResult QueryInformationAsFastIo(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                        FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                        IO_STATUS_BLOCK* ioStatus);
+// The fast I/O form first, and the IRP form when it is declined.
+NTSTATUS QueryInformationFastThenIrp(FileObjectRecord* record, const _FLT_INSTANCE* below, PVOID buffer,
+                                     ULONG length, FILE_INFORMATION_CLASS infoClass, KPROCESSOR_MODE mode,
+                                     ULONG* returned);
 
 // IRP_MJ_SET_INFORMATION through the stack (below `below`, if given), with a system buffer copied
 // from the caller's, after the I/O manager's length checks; a rename or link first opens the
@@ -268,6 +337,13 @@ NTSTATUS ResolveVolumePath(std::u16string_view name, std::shared_ptr<_FLT_VOLUME
 
 // The path on the volume that a create of fileName relative to related names.
 NTSTATUS JoinRelativePath(const FileObjectRecord* related, std::u16string_view fileName, std::u16string* path);
+
+// The FO_* flags a new file object gets from its create options and object attributes.
+ULONG FileObjectFlagsFor(ULONG createOptions, ULONG attributes, bool volumeOpen);
+
+// The path on the volume that the file system opens for a file object, read from the file object
+// as it stands when the create reaches the file system (its name, after its related file object's).
+NTSTATUS PathForFileSystem(const FILE_OBJECT& fileObject, std::u16string* path);
 
 // Maps generic rights to the file-specific ones.
 ACCESS_MASK MapGenericFileAccess(ACCESS_MASK access);

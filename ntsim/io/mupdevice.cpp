@@ -28,8 +28,9 @@ constexpr size_t kMaximumNameBytes = 0xFFFE;
 // A path on the MUP device taken apart: \<server>\<share><rest>.
 struct UncPath {
     std::u16string server;
-    std::u16string share;
-    std::u16string rest;  // "\dir\file"; empty for the share's root
+    bool serverOnly = true;  // no separator after the server: the server itself
+    std::u16string share;    // empty for "\server\"
+    std::u16string rest;     // "\dir\file"; empty for the share's root
 };
 
 // False for a path with no server component (the device itself).
@@ -42,7 +43,8 @@ bool SplitUncPath(std::u16string_view path, UncPath* unc)
     unc->server = std::u16string(path.substr(1, serverEnd == std::u16string_view::npos ? path.npos : serverEnd - 1));
     unc->share.clear();
     unc->rest.clear();
-    if (serverEnd != std::u16string_view::npos) {
+    unc->serverOnly = serverEnd == std::u16string_view::npos;
+    if (!unc->serverOnly) {
         size_t shareEnd = path.find(u'\\', serverEnd + 1);
         unc->share = std::u16string(path.substr(serverEnd + 1, shareEnd == path.npos ? path.npos : shareEnd - serverEnd - 1));
         if (shareEnd != std::u16string_view::npos) {
@@ -94,6 +96,9 @@ public:
     }
 
     bool IsDirectory() const override { return directory_; }
+    // The redirector keeps share access for its client opens as the server's file system did for
+    // the server's open, which carries the client's access and sharing.
+    RecordedShareAccess ShareAccess() const override { return shareAccess_; }
 
     Session& session() { return *session_; }
 
@@ -135,6 +140,9 @@ public:
         local_ = record;
         handle_ = handle;
         directory_ = record->open != nullptr && record->open->IsDirectory();
+        if (record->open != nullptr) {
+            shareAccess_ = record->open->ShareAccess();
+        }
         return status;
     }
 
@@ -175,6 +183,7 @@ private:
     iomgr::FileObjectRecord* local_ = nullptr;  // referenced until closed
     HANDLE handle_ = nullptr;                   // the server's kernel handle
     bool directory_ = false;
+    RecordedShareAccess shareAccess_;
     std::u16string nameAtClose_;
 };
 
@@ -235,14 +244,15 @@ public:
     ULONG DeviceType() const override { return FILE_DEVICE_NETWORK_FILE_SYSTEM; }
     ULONG FileSystemType() const override { return FLT_FSTYPE_MUP; }
 
+    // The server's open follows the local volume's reparse points itself: the client never sees one.
     NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                    ULONG_PTR* information, std::u16string* finalComponent) override
+                    ULONG_PTR* information, std::u16string* finalComponent, std::vector<UCHAR>*) override
     {
         UncPath unc;
         if (!SplitUncPath(parameters.path, &unc)) {
             return verifier::NotImplemented("an open of \\Device\\Mup itself");
         }
-        if (unc.share.empty() && IsLoopbackServer(unc.server)) {
+        if (unc.serverOnly && IsLoopbackServer(unc.server)) {
             return verifier::NotImplemented("an open of a server on \\Device\\Mup (share enumeration)");
         }
         std::u16string localPath;
@@ -358,11 +368,20 @@ public:
         });
     }
 
-    NTSTATUS QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned) override
+    NTSTATUS QueryEa(VolumeOpen& open, const VolumeEaQuery& query, void* buffer, ULONG length,
+                     ULONG* returned) override
     {
         *returned = 0;
         return Forward(open, [&](MupOpen& mupOpen) {
-            return IoQueryEaFile(mupOpen.fileObject(), buffer, length, false, returned);
+            IO_STATUS_BLOCK ioStatus{};
+            ULONG index = query.eaIndex;
+            NTSTATUS status = ZwQueryEaFile(mupOpen.handle(), &ioStatus, buffer, length,
+                                            (query.flags & SL_RETURN_SINGLE_ENTRY) != 0,
+                                            const_cast<void*>(query.eaList), query.eaListLength,
+                                            (query.flags & SL_INDEX_SPECIFIED) != 0 ? &index : nullptr,
+                                            (query.flags & SL_RESTART_SCAN) != 0);
+            *returned = static_cast<ULONG>(ioStatus.Information);
+            return status;
         });
     }
 

@@ -90,8 +90,12 @@ BOOLEAN Acquire(PERESOURCE resource, BOOLEAN wait, Access access, const char* ro
         return FALSE;
     }
     const uint64_t me = kernel::CurrentThread().id;
+    // A waiting acquisition records its order after the locks the thread holds (none for one it
+    // holds already) before it takes the resource's state: the thread's own list says which.
+    if (wait) {
+        kernel::CheckLockOrder(resource, kResourceKind, caller);
+    }
     std::unique_lock lock(state->mutex);
-    bool recursive = state->exclusiveOwner == me || state->sharedOwners.count(me) != 0;
     if (access == Access::Exclusive && state->exclusiveOwner != me && state->sharedOwners.count(me) != 0) {
         lock.unlock();
         verifier::BugCheck(verifier::rules::kResourceSharedToExclusive,
@@ -117,11 +121,6 @@ BOOLEAN Acquire(PERESOURCE resource, BOOLEAN wait, Access access, const char* ro
             return FALSE;
         }
     } else {
-        if (!recursive) {
-            lock.unlock();
-            kernel::CheckLockOrder(resource, kResourceKind, caller);
-            lock.lock();
-        }
         if (!grantable()) {
             ULONG& waiters = access == Access::Exclusive ? state->exclusiveWaiters : state->sharedWaiters;
             waiters += 1;
@@ -247,8 +246,12 @@ extern "C" VOID NTAPI ExReleaseResourceLite(PERESOURCE Resource)
                                owner);
         return;
     }
+    // Only a waiter needs to look again.
+    const bool waiters = state->exclusiveWaiters != 0 || state->sharedWaiters != 0;
     lock.unlock();
-    state->changed.notify_all();
+    if (waiters) {
+        state->changed.notify_all();
+    }
     kernel::PopHeldLock(Resource);
 }
 

@@ -10,13 +10,14 @@ namespace ntsim::faults {
 
 namespace {
 
-enum class RuleKind { NthAllocation, Tag, Routine, NthPoint, NthPointOf };
+enum class RuleKind { NthAllocation, Tag, Routine, NthPoint, NthPointOf, StopAt };
 
 struct Rule {
     RuleKind kind;
     uint64_t target = 0;  // absolute count for the Nth kinds; n for NthPointOf
-    PointSet set;         // NthPointOf: the points it counts
-    uint64_t seen = 0;    // NthPointOf: points of its set since it was armed
+    PointSet set;         // NthPointOf, StopAt: the points it counts
+    PointSet halted;      // StopAt: the points it fails once the count is reached
+    uint64_t seen = 0;    // NthPointOf, StopAt: points of its set since it was armed
     ULONG tag = 0;
     std::string routine;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
@@ -45,9 +46,19 @@ bool Reached(const Rule& rule, uint64_t count)
     return rule.persistence == Persistence::Once ? count == rule.target : count >= rule.target;
 }
 
+bool Holds(const PointSet& set, bool isAllocation, std::string_view routine, ULONG tag)
+{
+    return isAllocation ? set.HoldsAllocation(tag) : set.HoldsRoutine(routine);
+}
+
 bool Holds(const Rule& rule, bool isAllocation, std::string_view routine, ULONG tag)
 {
-    return isAllocation ? rule.set.HoldsAllocation(tag) : rule.set.HoldsRoutine(routine);
+    return Holds(rule.set, isAllocation, routine, tag);
+}
+
+bool Counts(const Rule& rule)
+{
+    return rule.kind == RuleKind::NthPointOf || rule.kind == RuleKind::StopAt;
 }
 
 // Under the mutex: the first rule that fails this point, removed when it fires only once. Every
@@ -57,7 +68,7 @@ std::optional<NTSTATUS> Match(InjectorState& state, uint64_t point, uint64_t all
                               std::string_view routine, ULONG tag)
 {
     for (Rule& rule : state.rules) {
-        if (rule.kind == RuleKind::NthPointOf && Holds(rule, isAllocation, routine, tag)) {
+        if (Counts(rule) && Holds(rule, isAllocation, routine, tag)) {
             rule.seen += 1;
         }
     }
@@ -78,6 +89,9 @@ std::optional<NTSTATUS> Match(InjectorState& state, uint64_t point, uint64_t all
             break;
         case RuleKind::NthPointOf:
             fires = Holds(*it, isAllocation, routine, tag) && Reached(*it, it->seen);
+            break;
+        case RuleKind::StopAt:
+            fires = it->seen >= it->target && Holds(it->halted, isAllocation, routine, tag);
             break;
         }
         if (!fires) {
@@ -165,6 +179,17 @@ void FailNthPoint(uint64_t n, NTSTATUS status, Persistence persistence)
     rule.target = Injector().points.load() + n;
     rule.status = status;
     rule.persistence = persistence;
+    Arm(std::move(rule));
+}
+
+void StopAtNthPointOf(PointSet trigger, uint64_t n, PointSet halted, NTSTATUS status)
+{
+    Rule rule{RuleKind::StopAt};
+    rule.set = std::move(trigger);
+    rule.halted = std::move(halted);
+    rule.target = n;
+    rule.status = status;
+    rule.persistence = Persistence::Persistent;
     Arm(std::move(rule));
 }
 

@@ -23,9 +23,16 @@ struct Header {
     std::shared_ptr<void> pin;  // shared objects while referenced
 };
 
+// What a reference to an object that must never be referenced reports.
+struct Unreferenceable {
+    std::string rule;
+    std::string detail;
+};
+
 struct ObjectTable {
     std::mutex lock;
     std::unordered_map<const void*, Header> objects;
+    std::unordered_map<const void*, Unreferenceable> unreferenceable;
 };
 
 // Never destroyed: objects may be released by static destructors of other components.
@@ -91,6 +98,19 @@ void UnregisterSharedObject(void* object)
     Table().objects.erase(object);
 }
 
+UnreferenceableObjectScope::UnreferenceableObjectScope(const void* object, std::string_view rule, std::string detail)
+    : object_(object)
+{
+    std::lock_guard guard(Table().lock);
+    Table().unreferenceable[object] = Unreferenceable{std::string(rule), std::move(detail)};
+}
+
+UnreferenceableObjectScope::~UnreferenceableObjectScope()
+{
+    std::lock_guard guard(Table().lock);
+    Table().unreferenceable.erase(object_);
+}
+
 const ObjectType* TypeOf(const void* object)
 {
     std::lock_guard guard(Table().lock);
@@ -138,6 +158,14 @@ LONG_PTR ObfReferenceObject(PVOID Object)
     std::unique_lock guard(Table().lock);
     auto it = Table().objects.find(Object);
     if (it == Table().objects.end()) {
+        auto forbidden = Table().unreferenceable.find(Object);
+        if (forbidden != Table().unreferenceable.end()) {
+            const ntsim::ob::Unreferenceable report = forbidden->second;
+            guard.unlock();
+            ntsim::verifier::BugCheck(report.rule,
+                                      "ObReferenceObject(" + ntsim::ob::Describe(Object) + "): " + report.detail);
+            return 0;
+        }
         guard.unlock();
         ntsim::verifier::BugCheck(ntsim::ob::rules::kObjectNotKnown,
                                   "ObReferenceObject(" + ntsim::ob::Describe(Object) + ")");

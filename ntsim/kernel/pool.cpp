@@ -7,6 +7,7 @@
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/verifier.hpp>
 
+#include "pool_table.hpp"
 #include "resource_registry.hpp"
 #include "stacktrace.hpp"
 #include "thread_state.hpp"
@@ -41,6 +42,7 @@ struct Block {
     ULONG tag;
     POOL_TYPE type;
     uint64_t sequence;
+    Usage* tagUsage;  // the tag's entry of byTag, which lives as long as the pool
     uint8_t depth;
     std::array<const void*, kMaxCallSiteDepth> callSite;
 };
@@ -50,7 +52,7 @@ enum TypeClass { kNonPaged = 0, kPaged = 1, kNonPagedNx = 2, kTypeClasses = 3 };
 
 struct PoolState {
     std::mutex mutex;
-    std::unordered_map<const void*, Block> live;
+    LiveTable<Block> live;
     std::unordered_map<ULONG, Usage> byTag;
     std::array<Usage, kTypeClasses> byType{};
     uint64_t sequence = 0;
@@ -123,15 +125,37 @@ std::vector<Allocation> Collect(uint64_t afterSequence, bool anyTag, ULONG tag)
     std::vector<Allocation> result;
     {
         std::lock_guard guard(state.mutex);
-        for (const auto& [address, block] : state.live) {
+        state.live.ForEach([&](const void* address, const Block& block) {
             if (block.sequence > afterSequence && (anyTag || block.tag == tag)) {
                 result.push_back(ToAllocation(address, block));
             }
-        }
+        });
     }
     std::sort(result.begin(), result.end(),
               [](const Allocation& a, const Allocation& b) { return a.sequence < b.sequence; });
     return result;
+}
+
+// Whether a block of this pool type may be freed at irql: paged pool at or below APC_LEVEL, any
+// other at or below DISPATCH_LEVEL.
+bool MayFreeAt(TypeClass typeClass, KIRQL irql)
+{
+    return irql <= (typeClass == kPaged ? APC_LEVEL : DISPATCH_LEVEL);
+}
+
+// Drops a live block from the table, its accounting, and notes it among the recent frees. The
+// caller holds the table's lock, and frees the memory afterwards.
+void ForgetBlock(PoolState& state, const void* address, const Block& block)
+{
+    TypeClass typeClass = kNonPaged;
+    Classify(block.type, &typeClass);
+    for (Usage* usage : {block.tagUsage, &state.byType[typeClass]}) {
+        usage->liveCount -= 1;
+        usage->liveBytes -= block.size;
+    }
+    state.recentlyFreed[state.recentlyFreedNext] = address;
+    state.recentlyFreedNext = (state.recentlyFreedNext + 1) % kRecentlyFreed;
+    state.live.Erase(address);
 }
 
 }  // namespace
@@ -190,7 +214,7 @@ bool IsLive(const void* address)
 {
     PoolState& state = State();
     std::lock_guard guard(state.mutex);
-    return state.live.count(address) != 0;
+    return state.live.Find(address) != nullptr;
 }
 
 std::string FormatReport(const std::vector<Allocation>& allocations)
@@ -302,8 +326,9 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
 
     std::lock_guard guard(state.mutex);
     record.sequence = ++state.sequence;
-    state.live.emplace(block, record);
-    for (pool::Usage* usage : {&state.byTag[Tag], &state.byType[typeClass]}) {
+    record.tagUsage = &state.byTag[Tag];
+    state.live.Insert(block, record);
+    for (pool::Usage* usage : {record.tagUsage, &state.byType[typeClass]}) {
         usage->liveCount += 1;
         usage->liveBytes += NumberOfBytes;
         usage->totalAllocations += 1;
@@ -314,39 +339,61 @@ extern "C" PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOf
 extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
 {
     pool::PoolState& state = pool::State();
+    const KIRQL irql = kernel::CurrentThread().irql;
+    // A free that passes every check is checked and done under one hold of the table's lock: a
+    // live block, freed with its own tag or none, at a level where its pool may be freed, holding
+    // no live ERESOURCE. Any other free takes the way below, which reports what is wrong.
+    {
+        std::unique_lock guard(state.mutex);
+        if (const pool::Block* found = state.live.Find(P)) {
+            const pool::Block& block = *found;
+            pool::TypeClass typeClass = pool::kNonPaged;
+            pool::Classify(block.type, &typeClass);
+            // A block smaller than an ERESOURCE can't hold a live one: its lookup is spared.
+            if ((Tag == 0 || Tag == block.tag) && pool::MayFreeAt(typeClass, irql) &&
+                (block.size < sizeof(ERESOURCE) || kernel::FindLiveResourceIn(P, block.size) == nullptr)) {
+                verifier::ForgetLocks(P, block.size);
+                pool::ForgetBlock(state, P, block);
+                guard.unlock();
+                free(P);
+                return;
+            }
+        }
+    }
+
     pool::Block record;
     bool live = false;
     bool freedBefore = false;
     {
         std::lock_guard guard(state.mutex);
-        auto it = state.live.find(P);
-        if (it != state.live.end()) {
+        if (const pool::Block* found = state.live.Find(P)) {
             live = true;
-            record = it->second;
+            record = *found;
         } else if (P != nullptr) {
             freedBefore = std::find(state.recentlyFreed.begin(), state.recentlyFreed.end(), P) !=
                           state.recentlyFreed.end();
         }
     }
-    std::string call = "ExFreePoolWithTag(" + pool::Hex(P) + ", '" + pool::TagText(Tag) + "')";
+    // The call as a report names it. Made only when a check fails: a free that passes every check
+    // formats nothing, as Windows' own free doesn't.
+    auto call = [P, Tag] { return "ExFreePoolWithTag(" + pool::Hex(P) + ", '" + pool::TagText(Tag) + "')"; };
     if (!live) {
         if (freedBefore) {
-            verifier::BugCheck(verifier::rules::kPoolDoubleFree, call + ": the block was already freed");
+            verifier::BugCheck(verifier::rules::kPoolDoubleFree, call() + ": the block was already freed");
         } else {
-            verifier::BugCheck(verifier::rules::kPoolFreeUnknown, call + ": not the start of a pool block");
+            verifier::BugCheck(verifier::rules::kPoolFreeUnknown, call() + ": not the start of a pool block");
         }
         return;
     }
     if (Tag != 0 && Tag != record.tag) {
         verifier::BugCheck(verifier::rules::kPoolWrongTag,
-                           call + " of a block tagged '" + pool::TagText(record.tag) + "'");
+                           call() + " of a block tagged '" + pool::TagText(record.tag) + "'");
     }
-    KIRQL irql = kernel::CurrentThread().irql;
     pool::TypeClass typeClass = pool::kNonPaged;
     pool::Classify(record.type, &typeClass);
     if (typeClass == pool::kPaged && irql > APC_LEVEL) {
         verifier::BugCheck(verifier::rules::kPagedPoolAtDispatch,
-                           call + " of a paged block of " + std::to_string(record.size) + " bytes at IRQL " +
+                           call() + " of a paged block of " + std::to_string(record.size) + " bytes at IRQL " +
                                std::to_string(irql));
     } else if (irql > DISPATCH_LEVEL) {
         verifier::AssertIrqlAtMost(DISPATCH_LEVEL, "ExFreePoolWithTag");
@@ -354,7 +401,7 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     if (const void* resource = kernel::FindLiveResourceIn(P, record.size)) {
         // The block stays allocated: freeing it would leave the lock's state dangling.
         verifier::BugCheck(verifier::rules::kPoolFreeWithLiveResource,
-                           call + " of a block that holds the ERESOURCE at " + pool::Hex(resource) +
+                           call() + " of a block that holds the ERESOURCE at " + pool::Hex(resource) +
                                ", which was not deleted; the block is not freed");
         return;
     }
@@ -363,21 +410,14 @@ extern "C" VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
     bool raced = false;
     {
         std::lock_guard guard(state.mutex);
-        auto it = state.live.find(P);
-        if (it == state.live.end()) {
-            raced = true;
+        if (const pool::Block* found = state.live.Find(P)) {
+            pool::ForgetBlock(state, P, *found);
         } else {
-            for (pool::Usage* usage : {&state.byTag[record.tag], &state.byType[typeClass]}) {
-                usage->liveCount -= 1;
-                usage->liveBytes -= record.size;
-            }
-            state.live.erase(it);
-            state.recentlyFreed[state.recentlyFreedNext] = P;
-            state.recentlyFreedNext = (state.recentlyFreedNext + 1) % pool::kRecentlyFreed;
+            raced = true;
         }
     }
     if (raced) {
-        verifier::BugCheck(verifier::rules::kPoolDoubleFree, call + ": freed by two threads at once");
+        verifier::BugCheck(verifier::rules::kPoolDoubleFree, call() + ": freed by two threads at once");
         return;
     }
     free(P);

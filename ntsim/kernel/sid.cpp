@@ -25,46 +25,77 @@ ULONGLONG AuthorityValue(const SID_IDENTIFIER_AUTHORITY& authority)
     return value;
 }
 
-void AppendDecimal(std::u16string& text, ULONGLONG value)
+// The longest SID text: "S-", a revision of three digits, a dash, the authority in hexadecimal
+// ("0x" and twelve digits), and fifteen sub-authorities of a dash and ten digits each.
+constexpr size_t kMaxSidTextChars = 2 + 3 + 1 + 14 + SID_MAX_SUB_AUTHORITIES * 11;
+
+// SID text is built in place, in a buffer of the caller's stack, as Windows builds it: no heap
+// allocation but the string that is handed out.
+struct SidTextBuffer {
+    WCHAR characters[kMaxSidTextChars];
+    size_t length = 0;
+
+    void Append(char c) { characters[length++] = static_cast<WCHAR>(c); }
+};
+
+// Every number written in decimal fits 32 bits: the revision, a sub-authority, and an authority
+// below 2^32. The digits go straight to their place, from the last, two at a time.
+void AppendDecimal(SidTextBuffer& text, ULONG value)
 {
-    char digits[24];
-    int count = 0;
-    do {
-        digits[count++] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    while (count > 0) {
-        text.push_back(static_cast<char16_t>(digits[--count]));
+    static const char kPairs[] =
+        "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+        "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+        "8081828384858687888990919293949596979899";
+    const size_t digits =
+        value < 100000
+            ? (value < 100 ? (value < 10 ? 1 : 2) : (value < 1000 ? 3 : (value < 10000 ? 4 : 5)))
+            : (value < 10000000 ? (value < 1000000 ? 6 : 7)
+                                : (value < 100000000 ? 8 : (value < 1000000000 ? 9 : 10)));
+    text.length += digits;
+    WCHAR* next = text.characters + text.length;
+    while (value >= 100) {
+        const ULONG pair = (value % 100) * 2;
+        value /= 100;
+        *--next = static_cast<WCHAR>(kPairs[pair + 1]);
+        *--next = static_cast<WCHAR>(kPairs[pair]);
+    }
+    if (value >= 10) {
+        *--next = static_cast<WCHAR>(kPairs[value * 2 + 1]);
+        *--next = static_cast<WCHAR>(kPairs[value * 2]);
+    } else {
+        *--next = static_cast<WCHAR>('0' + value);
     }
 }
 
 // The authority: decimal below 2^32, otherwise 0x and the full twelve hexadecimal digits of its
 // 48 bits, upper case (S-1-0x123456789ABC-...).
-void AppendAuthority(std::u16string& text, const SID_IDENTIFIER_AUTHORITY& authority)
+void AppendAuthority(SidTextBuffer& text, const SID_IDENTIFIER_AUTHORITY& authority)
 {
     if (authority.Value[0] == 0 && authority.Value[1] == 0) {
-        AppendDecimal(text, AuthorityValue(authority));
+        AppendDecimal(text, static_cast<ULONG>(AuthorityValue(authority)));
         return;
     }
     static const char kHex[] = "0123456789ABCDEF";
-    text += u"0x";
+    text.Append('0');
+    text.Append('x');
     for (UCHAR byte : authority.Value) {
-        text.push_back(static_cast<char16_t>(kHex[byte >> 4]));
-        text.push_back(static_cast<char16_t>(kHex[byte & 0xF]));
+        text.Append(kHex[byte >> 4]);
+        text.Append(kHex[byte & 0xF]);
     }
 }
 
-std::u16string SidText(const SID* sid)
+// The text of a valid SID (at most SID_MAX_SUB_AUTHORITIES sub-authorities).
+void SidText(const SID* sid, SidTextBuffer& text)
 {
-    std::u16string text = u"S-";
+    text.Append('S');
+    text.Append('-');
     AppendDecimal(text, sid->Revision);
-    text.push_back(u'-');
+    text.Append('-');
     AppendAuthority(text, sid->IdentifierAuthority);
     for (UCHAR i = 0; i < sid->SubAuthorityCount; ++i) {
-        text.push_back(u'-');
+        text.Append('-');
         AppendDecimal(text, sid->SubAuthority[i]);
     }
-    return text;
 }
 
 // Parses one number of SID text: decimal, or 0x and hexadecimal digits.
@@ -156,8 +187,9 @@ NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID 
     if (UnicodeString == nullptr || !RtlValidSid(Sid)) {
         return STATUS_INVALID_SID;
     }
-    const std::u16string text = SidText(AsSid(Sid));
-    const size_t bytes = text.size() * sizeof(WCHAR);  // at most 2 + 4 + 15 * 11 + 16 characters
+    SidTextBuffer text;
+    SidText(AsSid(Sid), text);
+    const size_t bytes = text.length * sizeof(WCHAR);
 
     if (AllocateDestinationString) {
         auto* buffer = static_cast<PWCH>(
@@ -165,8 +197,8 @@ NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID 
         if (buffer == nullptr) {
             return STATUS_NO_MEMORY;
         }
-        std::memcpy(buffer, text.data(), bytes);
-        buffer[text.size()] = 0;
+        std::memcpy(buffer, text.characters, bytes);
+        buffer[text.length] = 0;
         UnicodeString->Buffer = buffer;
         UnicodeString->Length = static_cast<USHORT>(bytes);
         UnicodeString->MaximumLength = static_cast<USHORT>(bytes + sizeof(WCHAR));
@@ -176,9 +208,9 @@ NTSTATUS NTAPI RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID 
     if (bytes > UnicodeString->MaximumLength) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    std::memcpy(UnicodeString->Buffer, text.data(), bytes);
+    std::memcpy(UnicodeString->Buffer, text.characters, bytes);
     if (bytes + sizeof(WCHAR) <= UnicodeString->MaximumLength) {
-        UnicodeString->Buffer[text.size()] = 0;
+        UnicodeString->Buffer[text.length] = 0;
     }
     UnicodeString->Length = static_cast<USHORT>(bytes);
     return STATUS_SUCCESS;

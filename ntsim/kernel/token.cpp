@@ -127,17 +127,16 @@ NTSTATUS SeQueryInformationToken(PACCESS_TOKEN Token, TOKEN_INFORMATION_CLASS To
     switch (TokenInformationClass) {
     case TokenUser: {
         // The SID follows the record in the same block, so that one free releases both.
-        std::vector<UCHAR> block(sizeof(TOKEN_USER) + token->UserSidLength());
-        std::memcpy(block.data() + sizeof(TOKEN_USER), token->UserSid(), token->UserSidLength());
-        PVOID information = nullptr;
-        NTSTATUS status = CopyToPool(block.data(), block.size(), &information);
-        if (NT_SUCCESS(status)) {
-            auto* user = static_cast<PTOKEN_USER>(information);
-            user->User.Sid = user + 1;
-            user->User.Attributes = 0;
-            *TokenInformation = information;
+        auto* user = static_cast<PTOKEN_USER>(ExAllocatePoolWithTag(
+            PagedPool, sizeof(TOKEN_USER) + token->UserSidLength(), ntsim::ob::internal::kTokenInformationTag));
+        if (user == nullptr) {
+            return STATUS_INSUFFICIENT_RESOURCES;
         }
-        return status;
+        std::memcpy(user + 1, token->UserSid(), token->UserSidLength());
+        user->User.Sid = user + 1;
+        user->User.Attributes = 0;
+        *TokenInformation = user;
+        return STATUS_SUCCESS;
     }
     case TokenType: {
         const TOKEN_TYPE type = token->Type();

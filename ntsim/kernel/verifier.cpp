@@ -177,6 +177,9 @@ CallbackScope::CallbackScope(std::string_view callback) : callback_(callback)
 CallbackScope::~CallbackScope()
 {
     kernel::ThreadState& thread = kernel::CurrentThread();
+    if (thread.irql == irql_ && thread.criticalRegion == criticalRegion_ && thread.held.size() == heldLocks_) {
+        return;  // a callback that leaves the thread as it found it costs no text
+    }
     std::string name(callback_);
     if (thread.irql != irql_) {
         BugCheck(rules::kIrqlLeftRaised, name + " returned at IRQL " + std::to_string(thread.irql) +

@@ -3,7 +3,6 @@
 #include "dirtyblock_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
-#include <ntsim/sim/pool.hpp>
 
 namespace foldermerge::testing {
 namespace {
@@ -241,39 +240,6 @@ TEST_F(DirtyBlockRecords, LastMapReachesItsStreamWithoutMemoryForACopy)
         ASSERT_TRUE(stream.has_value()) << failing;
         EXPECT_EQ(MapOfStream(*stream), map) << failing;
     }
-}
-
-TEST_F(DirtyBlockRecords, CreationOutOfMemoryFailsWithNothingLeftBehind)
-{
-    volume_->SeedFile(u"\\Data\\a.txt", std::string(5000, 'a'));
-    const auto liveBefore = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount;
-    size_t failures = 0;
-    for (uint64_t failing = 1;; failing++) {
-        SeedStream(u"\\Data\\a.txt", {.count = 1}, {0x40, 0x00});
-        ntsim::faults::Reset();
-        ntsim::faults::FailNthPointOf({.tags = {FOLDERMERGE_POOL_TAG}}, failing);
-        TrackedDirtyBlockFile* pRecord = reinterpret_cast<TrackedDirtyBlockFile*>(1);
-        const NTSTATUS status = Get(u"\\Data\\a.txt", &pRecord);
-        const bool injected = ntsim::faults::FailuresInjected() != 0;
-        ntsim::faults::Reset();
-        if (!NT_SUCCESS(status)) {
-            failures++;
-            EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES) << failing;
-            EXPECT_EQ(pRecord, nullptr) << failing;
-            EXPECT_TRUE(ListedRecords().empty()) << failing;
-        } else {
-            ASSERT_NE(pRecord, nullptr) << failing;
-            // A map that couldn't be read in is no map to trust.
-            EXPECT_TRUE(pRecord->bTrackingFailed == 1 || MapOf(pRecord) == (std::vector<uint8_t>{0x40, 0, 0, 0}))
-                << failing;
-            EXPECT_EQ(DerefTrackedDirtyBlockRecord(pRecord), STATUS_SUCCESS);
-        }
-        EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, liveBefore) << failing;
-        if (!injected) {
-            break;
-        }
-    }
-    EXPECT_GE(failures, 2u) << "the record and the copy of its path";
 }
 
 TEST_F(DirtyBlockRecords, UnloadFreesLiveRecordsWithoutWritingTheirMaps)

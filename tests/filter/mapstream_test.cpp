@@ -63,38 +63,30 @@ protected:
     }
 };
 
-TEST_F(MapStream, OneByteMapTakes35BytesAndComesBackInFour)
+TEST_F(MapStream, MapIsStoredBehindTheHeaderAndComesBackInAtLeastFourBytes)
 {
     volume_->SeedFile(u"\\Data\\a.txt", "a");
     std::vector<uint8_t> map = {0xA5};
     TrackedDirtyBlockFile record = Lending(map, 0x01020304, 1);
     ASSERT_EQ(WriteStream(u"\\Data\\a.txt", &record), STATUS_SUCCESS);
-
-    const std::string bytes = *Stream(u"\\Data\\a.txt");
-    ASSERT_EQ(bytes.size(), 35u);
-    const std::string expected = StreamBytes({.count = 0x01020304, .timestamp = ntsim::clock::Now(), .trackingFailed = 1},
-                                             {0xA5});
-    EXPECT_EQ(bytes, expected) << "version 2, count, time, zeros, flag, zeros, map";
-
-    const Loaded loaded = LoadStream(u"\\Data\\a.txt", ntsim::clock::Now());
+    EXPECT_EQ(*Stream(u"\\Data\\a.txt"),
+              StreamBytes({.count = 0x01020304, .timestamp = ntsim::clock::Now(), .trackingFailed = 1}, {0xA5}))
+        << "35 bytes: version 2, count, time, zeros, flag, zeros, map";
+    Loaded loaded = LoadStream(u"\\Data\\a.txt", ntsim::clock::Now());
     ASSERT_EQ(loaded.status, STATUS_SUCCESS);
-    EXPECT_EQ(loaded.mapLen, 4u);
     EXPECT_EQ(loaded.map, (std::vector<uint8_t>{0xA5, 0, 0, 0}));
     EXPECT_EQ(loaded.count, 0x01020304u);
     EXPECT_EQ(loaded.bTrackingFailed, 1);
-}
 
-TEST_F(MapStream, HundredByteMapTakes134BytesAndComesBackWhole)
-{
-    volume_->SeedFile(u"\\Data\\a.txt", "a");
-    std::vector<uint8_t> map(100);
+    // 100 bytes: a stream of 134, read back whole.
+    map.resize(100);
     for (size_t i = 0; i < map.size(); i++) {
         map[i] = static_cast<uint8_t>(i * 7);
     }
-    TrackedDirtyBlockFile record = Lending(map, 9, 0);
+    record = Lending(map, 9, 0);
     ASSERT_EQ(WriteStream(u"\\Data\\a.txt", &record), STATUS_SUCCESS);
     EXPECT_EQ(Stream(u"\\Data\\a.txt")->size(), 134u);
-    const Loaded loaded = LoadStream(u"\\Data\\a.txt", ntsim::clock::Now());
+    loaded = LoadStream(u"\\Data\\a.txt", ntsim::clock::Now());
     ASSERT_EQ(loaded.status, STATUS_SUCCESS);
     EXPECT_EQ(loaded.map, map);
     EXPECT_EQ(loaded.count, 9u);
@@ -175,6 +167,38 @@ TEST_F(MapStream, WritingTheMapKeepsTheFilesTimesAndAttributes)
     EXPECT_EQ(after.FileAttributes, before.FileAttributes);
     EXPECT_GT(ParseHeader(*Stream(u"\\Data\\a.txt")).timestamp, after.LastWriteTime.QuadPart);
     EXPECT_EQ(MapOfStream(*Stream(u"\\Data\\a.txt")), map);
+}
+
+TEST_F(MapStream, SaveOfAHeldRecordWritesACopyAndLeavesTheRecordAsItWas)
+{
+    volume_->SeedFile(u"\\Data\\a.txt", std::string(20000, 'a'));
+    SeedStream(u"\\Data\\a.txt", {.count = 1}, {0x40});
+    TrackedDirtyBlockFile* pRecord = MustGet(u"\\Data\\a.txt");
+    ASSERT_NE(pRecord, nullptr);
+    MarkBlockDirty(pRecord, 9 * 4096, 0);
+    ntsim::clock::Advance(ntsim::clock::kSecond);
+    const FILE_BASIC_INFORMATION before = *volume_->BasicInformation(u"\\Data\\a.txt");
+
+    ntsim::UnicodeStringHolder path(DevicePath(u"\\Data\\a.txt"));
+    ASSERT_EQ(WriteStableDirtyBlockMap(g_ServiceData.FilterHandle, instance_, path.get(), pRecord), STATUS_SUCCESS);
+    const std::string stream = *Stream(u"\\Data\\a.txt");
+    EXPECT_EQ(MapOfStream(stream), (std::vector<uint8_t>{0x40, 0x40, 0, 0}));
+    EXPECT_EQ(ParseHeader(stream).count, 2u);
+    EXPECT_EQ(ParseHeader(stream).timestamp, ntsim::clock::Now());
+    const FILE_BASIC_INFORMATION after = *volume_->BasicInformation(u"\\Data\\a.txt");
+    EXPECT_EQ(std::memcmp(&after, &before, sizeof(before)), 0);
+    EXPECT_EQ(MapOf(pRecord), (std::vector<uint8_t>{0x40, 0x40, 0, 0}));
+    EXPECT_EQ(pRecord->refCount, 1u);
+    EXPECT_EQ(ListedRecords().size(), 1u);
+
+    // Without memory for the copy nothing is written.
+    volume_->SeedRemove(u"\\Data\\a.txt" + kMapStream);
+    ntsim::faults::FailNthPointOf({.tags = {FOLDERMERGE_POOL_TAG}}, 1);
+    EXPECT_EQ(WriteStableDirtyBlockMap(g_ServiceData.FilterHandle, instance_, path.get(), pRecord),
+              STATUS_INSUFFICIENT_RESOURCES);
+    ntsim::faults::Reset();
+    EXPECT_FALSE(Stream(u"\\Data\\a.txt").has_value());
+    EXPECT_EQ(DerefTrackedDirtyBlockRecord(pRecord), STATUS_SUCCESS);
 }
 
 TEST_F(MapStream, NothingIsWrittenForAFileWhoseInformationCanNotBeHad)

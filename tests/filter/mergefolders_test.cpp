@@ -2,6 +2,7 @@
 #include "filter_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
+#include <ntsim/sim/object.hpp>
 
 #include "driver/globals.h"
 #include "driver/mergefolders.h"
@@ -151,6 +152,56 @@ TEST_F(MergeFolderTable, TheBlacklistMatchesTheImageFileNameWithoutRegardToCase)
     EXPECT_FALSE(Blacklisted(u"\\other.exe"));
 }
 
+TEST_F(MergeFolderTable, EveryCharacterOfAFolderAndASidFoldsCaseTheLastOneToo)
+{
+    // The last characters differ in case only, in ASCII and beyond it (e-acute, y-diaeresis).
+    ASSERT_EQ(Configure({{u"S-1-5-21-1-2-3-1001", u"C:\\Data", true},
+                         {kBob, u"C:\\Caf\u00e9", false},
+                         {kBob, u"C:\\Stra\u00ff", false}}),
+              STATUS_SUCCESS);
+    UCHAR bReadOnly;
+    EXPECT_TRUE(Managed(u"s-1-5-21-1-2-3-1001", u"\\Device\\HarddiskVolume2\\datA", &bReadOnly));
+    EXPECT_EQ(bReadOnly, 1);
+    EXPECT_TRUE(Root(u"s-1-5-21-1-2-3-1001", u"\\??\\c:\\DATA"));
+    EXPECT_TRUE(Managed(kBob, u"\\Device\\HarddiskVolume2\\CAF\u00c9\\x", &bReadOnly));
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\caf\u00c9"), "S-1-5-21-1-2-3-1002");
+    EXPECT_EQ(Owner(u"\\??\\C:\\STRA\u0178\\y"), "S-1-5-21-1-2-3-1002");
+    // The same length and last character are not enough: every character counts.
+    EXPECT_FALSE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Dita", &bReadOnly));
+    EXPECT_FALSE(Managed(u"S-1-5-21-1-9-3-1001", u"\\Device\\HarddiskVolume2\\Data", &bReadOnly));
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Cof\u00e9\\x"), "<none>");
+}
+
+TEST_F(MergeFolderTable, ALinkFormPrefixThatEndsInsideANameDecidesItsRowAlone)
+{
+    // The folder L: has the link form \??\L: and, through the link, the device form \??\L:x.
+    // \??\L:x\file lies below the device form, but the link form is a prefix of it first, one
+    // that ends inside the name L:x: the row is passed by without its device form being tried.
+    ntsim::ob::SymbolicLink drive = ntsim::ob::CreateSymbolicLink(u"\\??\\L:", u"\\??\\L:x");
+    ASSERT_EQ(Configure({{kAlice, u"L:", false}}), STATUS_SUCCESS);
+    ASSERT_EQ(g_MergeFolderCount, 1u);
+    ASSERT_EQ(ntsim::ToUtf8(*g_MergeFolders[0].pstrDevicePath), "\\??\\L:x");
+    UCHAR bReadOnly;
+    EXPECT_FALSE(Managed(kAlice, u"\\??\\L:x\\file", &bReadOnly));
+    EXPECT_EQ(Owner(u"\\??\\L:x\\file"), "<none>");
+    // The device form itself is the folder, and a path below the link form lies below it.
+    EXPECT_TRUE(Managed(kAlice, u"\\??\\L:x", &bReadOnly));
+    EXPECT_TRUE(Root(kAlice, u"\\??\\L:X"));
+    EXPECT_EQ(Owner(u"\\??\\L:\\file"), "S-1-5-21-1-2-3-1001");
+}
+
+TEST_F(MergeFolderTable, ABlacklistEntryMatchesTheWholeFileNameOnly)
+{
+    ASSERT_EQ(Configure({{kAlice, u"C:\\Data", false}}, u"a|tool"), STATUS_SUCCESS);
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\A.EXE"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\ab"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\tool.exe"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\a\\b.exe"));
+    EXPECT_TRUE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\A"));
+    EXPECT_TRUE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\TOOL"));
+    EXPECT_FALSE(Blacklisted(u"\\Device\\HarddiskVolume2\\Apps\\"));
+}
+
 TEST_F(MergeFolderTable, ConfigurationSurvivesEveryFailedAllocationWithoutLeaks)
 {
     for (uint64_t point = 1;; point++) {
@@ -173,6 +224,42 @@ TEST_F(MergeFolderTable, ConfigurationSurvivesEveryFailedAllocationWithoutLeaks)
             EXPECT_NE(g_MergeFolders[row].pstrDevicePath, nullptr) << "allocation " << point;
         }
     }
+}
+
+TEST_F(MergeFolderTable, EveryRowThatAFailedConfigurationLeavesIsFound)
+{
+    const std::vector<Folder> folders = {{kAlice, u"C:\\Data", true}, {kBob, u"C:\\Shared", false},
+                                         {kAlice, u"C:\\Deep\\Inner\\Most", false}};
+    for (uint64_t point = 1;; point++) {
+        ntsim::faults::Reset();
+        ntsim::faults::FailNthAllocation(point);
+        NTSTATUS status = Configure(folders, u"a.exe");
+        bool injected = ntsim::faults::FailuresInjected() != 0;
+        ntsim::faults::Reset();
+        // The rows that were set, whatever failed after them, answer every lookup.
+        for (ULONG row = 0; row < g_MergeFolderCount; row++) {
+            const std::u16string device(g_MergeFolders[row].pstrDevicePath->Buffer,
+                                        g_MergeFolders[row].pstrDevicePath->Buffer +
+                                            g_MergeFolders[row].pstrDevicePath->Length / sizeof(WCHAR));
+            const std::u16string sid(g_MergeFolders[row].pstrSid->Buffer,
+                                     g_MergeFolders[row].pstrSid->Buffer +
+                                         g_MergeFolders[row].pstrSid->Length / sizeof(WCHAR));
+            UCHAR bReadOnly;
+            EXPECT_TRUE(Managed(sid, device + u"\\x", &bReadOnly)) << "allocation " << point << ", row " << row;
+            EXPECT_TRUE(Root(sid, device)) << "allocation " << point << ", row " << row;
+            EXPECT_NE(Owner(device), "<none>") << "allocation " << point << ", row " << row;
+        }
+        if (!injected) {
+            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_EQ(g_MergeFolderCount, 3u);
+            break;
+        }
+    }
+    // And once the table is cleared, nothing is.
+    ClearConfiguration();
+    UCHAR bReadOnly;
+    EXPECT_FALSE(Managed(kAlice, u"\\Device\\HarddiskVolume2\\Deep\\Inner\\Most", &bReadOnly));
+    EXPECT_EQ(Owner(u"\\Device\\HarddiskVolume2\\Shared"), "<none>");
 }
 
 TEST_F(MergeFolderTable, TheVolumeInstanceIsFoundFromADevicePath)

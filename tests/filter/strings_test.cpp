@@ -126,6 +126,23 @@ TEST(FindUnicodeSubstring, FindsTheFirstOccurrenceByCharacterIndex)
     EXPECT_EQ(FindUnicodeSubstring(nullptr, backslash.get(), FALSE), -1);
 }
 
+TEST(StringContainsCharacter, LooksAtEveryCharacterOfTheLengthAndNoFurther)
+{
+    char16_t text[] = u"~ab:c~";
+    UNICODE_STRING whole{12, 12, (PWCH)text};
+    EXPECT_TRUE(StringContainsCharacter(&whole, L'~'));
+    EXPECT_TRUE(StringContainsCharacter(&whole, L':'));
+    EXPECT_FALSE(StringContainsCharacter(&whole, L'\\'));
+    // The middle of it: the tildes at both ends lie outside, the colon inside.
+    UNICODE_STRING middle{8, 10, (PWCH)(text + 1)};
+    EXPECT_FALSE(StringContainsCharacter(&middle, L'~'));
+    EXPECT_TRUE(StringContainsCharacter(&middle, L':'));
+    UNICODE_STRING empty{0, 12, (PWCH)text};
+    EXPECT_FALSE(StringContainsCharacter(&empty, L'~'));
+    UNICODE_STRING noBuffer{4, 4, nullptr};
+    EXPECT_FALSE(StringContainsCharacter(&noBuffer, L'~'));
+}
+
 std::vector<std::string> Tokens(std::u16string text)
 {
     std::vector<std::string> tokens;
@@ -275,6 +292,24 @@ TEST_F(RequestIdentity, TheClientTokenCountsBeforeThePrimaryToken)
     EXPECT_EQ(Sid(&context, STATUS_INVALID_PARAMETER), "<none>");
     context.AccessState = nullptr;
     EXPECT_EQ(Sid(&context, STATUS_INVALID_PARAMETER), "<none>");
+}
+
+TEST_F(RequestIdentity, TheLongestSidTextComesWholeWithRoomForItsTerminator)
+{
+    // An authority written in hexadecimal and fifteen sub-authorities of ten digits each.
+    std::u16string longest = u"S-1-0x123456789ABC";
+    for (int index = 0; index < SID_MAX_SUB_AUTHORITIES; index++) {
+        longest += u"-4294967295";
+    }
+    auto process = ntsim::CreateProcess({.userSid = longest});
+    ntsim::AttachThread thread(process);
+    OwnedString* pstr = nullptr;
+    ASSERT_EQ(GetRequestSid(nullptr, &pstr), STATUS_SUCCESS);
+    StringGuard sid{pstr};
+    EXPECT_EQ(Text(sid.pstr), ntsim::ToUtf8(longest));
+    EXPECT_EQ(sid.pstr->MaximumLength, sid.pstr->Length + sizeof(WCHAR));
+    EXPECT_EQ(sid.pstr->Buffer[sid.pstr->Length / sizeof(WCHAR)], 0);
+    EXPECT_EQ(PoolTypeOf(sid.pstr), g_PoolType);
 }
 
 TEST_F(RequestIdentity, AFailedCopyOfTheSidIsAFailureNotAnEmptySuccess)

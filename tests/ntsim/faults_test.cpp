@@ -136,6 +136,32 @@ TEST(FailNthPointOf, CountsAPointThatAnotherRuleFails)
     EXPECT_EQ(FailuresInjected(), 1u);
 }
 
+TEST(StopAtNthPointOf, FailsEveryHaltedPointFromTheTriggersNthOn)
+{
+    const PointSet trigger{.routines = {"FltWriteFile"}};
+    const PointSet halted{.tags = {kTag}, .routines = {"FltWriteFile", "FltCreateFileEx"}};
+    StopAtNthPointOf(trigger, 2, halted, STATUS_DEVICE_NOT_CONNECTED);
+    EXPECT_FALSE(Check("FltCreateFileEx").has_value()) << "before the stop";
+    EXPECT_FALSE(Check("FltWriteFile").has_value());  // 1
+    EXPECT_EQ(AllocateAndFree(1, kTag), std::vector<bool>{false});
+    EXPECT_EQ(Check("FltWriteFile"), STATUS_DEVICE_NOT_CONNECTED);  // 2: the stop
+    EXPECT_EQ(Check("FltCreateFileEx"), STATUS_DEVICE_NOT_CONNECTED);
+    EXPECT_EQ(AllocateAndFree(1, kTag), std::vector<bool>{true});
+    EXPECT_FALSE(Check("ZwClose").has_value()) << "what the stop doesn't halt goes on";
+    EXPECT_EQ(AllocateAndFree(1, kOtherTag), std::vector<bool>{false});
+    EXPECT_EQ(Check("FltWriteFile"), STATUS_DEVICE_NOT_CONNECTED);
+    EXPECT_EQ(FailuresInjected(), 4u);
+
+    // A trigger point the halted set doesn't hold stops the system without failing itself.
+    Reset();
+    StopAtNthPointOf({.routines = {"ZwDeleteFile"}}, 1, {.routines = {"FltWriteFile"}}, STATUS_DEVICE_NOT_CONNECTED);
+    EXPECT_FALSE(Check("FltWriteFile").has_value());
+    EXPECT_FALSE(Check("ZwDeleteFile").has_value());
+    EXPECT_EQ(Check("FltWriteFile"), STATUS_DEVICE_NOT_CONNECTED);
+    Reset();
+    EXPECT_FALSE(Check("FltWriteFile").has_value());
+}
+
 TEST(FaultCounts, ResetDisarmsAndZeroes)
 {
     FailRoutine("ZwClose", STATUS_INVALID_HANDLE, Persistence::Persistent);

@@ -5,8 +5,6 @@
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/verifier.hpp>
 
-#include <cstring>
-
 namespace iotest {
 namespace {
 
@@ -26,6 +24,25 @@ TEST_F(DispatchTest, PreCallbacksRunFromTheHighestAltitudeAndPostsFromTheLowest)
     ASSERT_EQ(NtClose(file.handle), STATUS_SUCCESS);
     EXPECT_EQ(Sequence(IRP_MJ_CLEANUP), (Strings{"A pre", "B pre", "B post", "A post"}));
     EXPECT_EQ(Sequence(IRP_MJ_CLOSE), (Strings{"A pre", "B pre", "B post", "A post"}));
+}
+
+TEST_F(DispatchTest, AVolumeWithMoreFiltersThanASnapshotHoldsInlineKeepsTheirOrder)
+{
+    // Six filters, loaded in no order: every operation visits all six, highest first.
+    ASSERT_EQ(TestFilter<4>::Load(u"320000"), STATUS_SUCCESS);
+    ASSERT_EQ(FilterA::Load(u"385100"), STATUS_SUCCESS);
+    ASSERT_EQ(TestFilter<5>::Load(u"140000"), STATUS_SUCCESS);
+    ASSERT_EQ(TestFilter<2>::Load(u"370000"), STATUS_SUCCESS);
+    ASSERT_EQ(FilterB::Load(u"380000"), STATUS_SUCCESS);
+    ASSERT_EQ(TestFilter<3>::Load(u"360000"), STATUS_SUCCESS);
+
+    Opened file = Open(u"\\??\\C:\\six.txt");
+    ASSERT_EQ(file.status, STATUS_SUCCESS);
+    const Strings order = {"A pre", "B pre", "C pre", "D pre", "E pre", "F pre",
+                           "F post", "E post", "D post", "C post", "B post", "A post"};
+    EXPECT_EQ(Sequence(IRP_MJ_CREATE), order);
+    ASSERT_EQ(NtClose(file.handle), STATUS_SUCCESS);
+    EXPECT_EQ(Sequence(IRP_MJ_CLOSE), order);
 }
 
 TEST_F(DispatchTest, CompletionContextReachesOnlyThePostOfTheFilterThatGaveIt)
@@ -196,23 +213,6 @@ TEST_F(DispatchTest, NetworkQueryOpenFallsBackToAnOrdinaryOpenWhenTheFastPathIsR
         EXPECT_EQ(MajorsSeenBy('A'), expected) << "refused " << refused;
         EXPECT_EQ(EventsOf(IRP_MJ_NETWORK_QUERY_OPEN).front().fileName, "\\query.txt");
     }
-}
-
-// Replaces the create's name by the target and completes with STATUS_REPARSE, as a filter that
-// redirects does; the buffer handed over is untagged pool the I/O manager frees.
-void Redirect(PFLT_CALLBACK_DATA data, std::u16string_view target)
-{
-    PFILE_OBJECT fileObject = data->Iopb->TargetFileObject;
-    const USHORT bytes = static_cast<USHORT>(target.size() * sizeof(WCHAR));
-    auto* buffer = static_cast<PWCH>(ExAllocatePool(NonPagedPoolNx, bytes));
-    ASSERT_NE(buffer, nullptr);
-    std::memcpy(buffer, target.data(), bytes);
-    ExFreePoolWithTag(fileObject->FileName.Buffer, 0);
-    fileObject->FileName.Buffer = buffer;
-    fileObject->FileName.Length = bytes;
-    fileObject->FileName.MaximumLength = bytes;
-    data->IoStatus.Status = STATUS_REPARSE;
-    data->IoStatus.Information = IO_REPARSE;
 }
 
 TEST_F(DispatchTest, CreateCompletedWithReparseIsParsedAgainFromTheRootUnderTheNewName)

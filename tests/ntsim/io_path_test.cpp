@@ -14,26 +14,7 @@ namespace {
 using Strings = std::vector<std::string>;
 using Majors = std::vector<UCHAR>;
 
-class IoPathTest : public IoTest {
-protected:
-    // Opens through FltCreateFileEx at the instance of filter A.
-    NTSTATUS OpenBelowA(std::u16string_view path, ACCESS_MASK access, ULONG share, ULONG flags, HANDLE* handle,
-                        PFILE_OBJECT* fileObject, ULONG disposition = FILE_OPEN)
-    {
-        PFLT_INSTANCE instance = FilterA::Instance(u"C:");
-        EXPECT_NE(instance, nullptr);
-        ntsim::UnicodeStringHolder name(path);
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
-                                   nullptr);
-        IO_STATUS_BLOCK ioStatus{};
-        NTSTATUS status = FltCreateFileEx(FilterA::script().filter, instance, handle, fileObject, access, &attributes,
-                                          &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL, share, disposition, 0, nullptr, 0,
-                                          flags);
-        FltObjectDereference(instance);
-        return status;
-    }
-};
+class IoPathTest : public IoTest {};
 
 TEST_F(IoPathTest, CleanupComesAtTheLastHandleAndCloseAtTheLastReference)
 {
@@ -215,7 +196,7 @@ TEST_F(IoPathTest, RelativeOpenCarriesTheRelatedFileObjectAndItsOwnName)
     ObDereferenceObject(directoryObject);
 }
 
-TEST_F(IoPathTest, NormalizedNamesExpandShortNamesAndFailForMissingFiles)
+TEST_F(IoPathTest, NormalizedNamesExpandShortNamesAndKeepTheLastComponentOfAFileNotYetThere)
 {
     volume_->SeedFile(u"\\Long Directory Name\\Long File Name.txt", "x");
     const std::u16string shortDirectory = volume_->ShortName(u"\\Long Directory Name");
@@ -238,7 +219,6 @@ TEST_F(IoPathTest, NormalizedNamesExpandShortNamesAndFailForMissingFiles)
             EXPECT_EQ(FltParseFileNameInformation(information), STATUS_SUCCESS);
             EXPECT_EQ(ntsim::ToUtf8(information->Volume), "\\Device\\HarddiskVolume2");
             EXPECT_EQ(ntsim::ToUtf8(information->ParentDir), "\\Long Directory Name\\");
-            EXPECT_EQ(ntsim::ToUtf8(information->FinalComponent), "Long File Name.txt");
             EXPECT_EQ(ntsim::ToUtf8(information->Extension), "txt");
             FltReleaseFileNameInformation(information);
         }
@@ -254,16 +234,63 @@ TEST_F(IoPathTest, NormalizedNamesExpandShortNamesAndFailForMissingFiles)
     Opened file = Open(shortPath, FILE_GENERIC_READ, FILE_SHARE_READ, FILE_OPEN);
     ASSERT_EQ(file.status, STATUS_SUCCESS);
     NtClose(file.handle);
+    // A file about to be made: the parent's short name is expanded, the new name kept as given,
+    // whatever the disposition then makes of it.
+    Opened created = Open(u"\\??\\C:\\" + shortDirectory + u"\\New File.txt", FILE_GENERIC_WRITE, 0, FILE_CREATE);
+    ASSERT_EQ(created.status, STATUS_SUCCESS);
+    NtClose(created.handle);
     EXPECT_EQ(Open(u"\\??\\C:\\" + shortDirectory + u"\\missing.txt", FILE_GENERIC_READ, FILE_SHARE_READ, FILE_OPEN)
                   .status,
               STATUS_OBJECT_NAME_NOT_FOUND);
 
-    ASSERT_EQ(normalized.size(), 2u);
-    EXPECT_EQ(normalized[0].first, STATUS_SUCCESS);
-    EXPECT_EQ(normalized[0].second, "\\Device\\HarddiskVolume2\\Long Directory Name\\Long File Name.txt");
-    EXPECT_FALSE(NT_SUCCESS(normalized[1].first)) << "a missing file has no normalized name";
-    ASSERT_EQ(opened.size(), 2u);
+    ASSERT_EQ(normalized.size(), 3u);
+    EXPECT_EQ(normalized[0], std::make_pair(STATUS_SUCCESS, std::string("\\Device\\HarddiskVolume2\\Long Directory "
+                                                                         "Name\\Long File Name.txt")));
+    EXPECT_EQ(normalized[1], std::make_pair(STATUS_SUCCESS, std::string("\\Device\\HarddiskVolume2\\Long Directory "
+                                                                         "Name\\New File.txt")));
+    EXPECT_EQ(normalized[2], std::make_pair(STATUS_SUCCESS, std::string("\\Device\\HarddiskVolume2\\Long Directory "
+                                                                         "Name\\missing.txt")));
+    ASSERT_EQ(opened.size(), 3u);
     EXPECT_EQ(opened[0], "\\Device\\HarddiskVolume2" + ntsim::ToUtf8(shortPath.substr(6)));
+}
+
+TEST_F(IoPathTest, NormalizedNameOfAFileToCreateFailsWhenItsParentIsMissing)
+{
+    volume_->SeedFile(u"\\plain.txt", "x");
+    volume_->SeedDirectory(u"\\Long Directory Name");
+    static std::vector<std::pair<NTSTATUS, std::string>> normalized;
+    normalized.clear();
+    FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        if (data->Iopb->MajorFunction == IRP_MJ_CREATE) {
+            PFLT_FILE_NAME_INFORMATION information = nullptr;
+            NTSTATUS status = FltGetFileNameInformation(data, FLT_FILE_NAME_NORMALIZED, &information);
+            normalized.emplace_back(status, NT_SUCCESS(status) ? ntsim::ToUtf8(information->Name) : "");
+            if (NT_SUCCESS(status)) {
+                FltReleaseFileNameInformation(information);
+            }
+        }
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    };
+    ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
+    const std::u16string shortDirectory = volume_->ShortName(u"\\Long Directory Name");
+
+    EXPECT_EQ(Open(u"\\??\\C:\\nowhere\\new.txt", FILE_GENERIC_WRITE, 0, FILE_CREATE).status,
+              STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Open(u"\\??\\C:\\" + shortDirectory + u"\\nowhere\\deeper\\new.txt", FILE_GENERIC_WRITE, 0, FILE_CREATE)
+                  .status,
+              STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Open(u"\\??\\C:\\plain.txt\\new.txt", FILE_GENERIC_WRITE, 0, FILE_CREATE).status,
+              STATUS_OBJECT_PATH_NOT_FOUND);
+    // At the root the parent always exists.
+    Opened atRoot = Open(u"\\??\\C:\\NEW~1.TXT", FILE_GENERIC_WRITE, 0, FILE_CREATE);
+    ASSERT_EQ(atRoot.status, STATUS_SUCCESS);
+    NtClose(atRoot.handle);
+
+    ASSERT_EQ(normalized.size(), 4u);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(normalized[i].first, STATUS_OBJECT_PATH_NOT_FOUND) << i;
+    }
+    EXPECT_EQ(normalized[3], std::make_pair(STATUS_SUCCESS, std::string("\\Device\\HarddiskVolume2\\NEW~1.TXT")));
 }
 
 TEST_F(IoPathTest, DirectoryListingPassesThroughTheFilterWithItsPatternAndFlags)

@@ -18,6 +18,7 @@
 #include <ntsim/sim/text.hpp>
 #include <userbuffer.hpp>
 
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -36,9 +37,13 @@ struct Event {
     ULONG irpFlags = 0;
     std::string fileName;      // the target file object's FileName as the callback saw it
     NTSTATUS status = 0;       // IoStatus.Status, for post-callbacks
+    ULONG_PTR information = 0; // IoStatus.Information, for post-callbacks
     PVOID context = nullptr;   // the completion context a post-callback received
     KPROCESSOR_MODE requestorMode = KernelMode;
-    HANDLE threadId = nullptr;
+    HANDLE threadId = nullptr;   // the thread the callback ran in
+    HANDLE processId = nullptr;  // and its process
+    KIRQL irql = PASSIVE_LEVEL;  // the IRQL it ran at
+    PETHREAD issuer = nullptr;   // the callback data's Thread: the thread that issued the operation
 
     bool fastIo() const { return (flags & FLTFL_CALLBACK_DATA_FAST_IO_OPERATION) != 0; }
 };
@@ -94,6 +99,8 @@ inline std::vector<UCHAR> MajorsSeenBy(char filter)
 struct Script {
     std::function<FLT_PREOP_CALLBACK_STATUS(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID*)> pre;
     std::function<void(PFLT_CALLBACK_DATA, PCFLT_RELATED_OBJECTS, PVOID)> post;
+    // What the post-callback returns, asked once post has run (FLT_POSTOP_FINISHED_PROCESSING when unset).
+    std::function<FLT_POSTOP_CALLBACK_STATUS(PFLT_CALLBACK_DATA)> postResult;
     std::function<NTSTATUS(DEVICE_TYPE, FLT_FILESYSTEM_TYPE)> setup;
     std::vector<std::string> lifecycle;  // "setup", "teardown start <reason>", "teardown complete <reason>"
     PFLT_FILTER filter = nullptr;
@@ -112,12 +119,33 @@ inline Event Record(char filter, bool post, PFLT_CALLBACK_DATA data, PVOID conte
         event.fileName = ntsim::ToUtf8(data->Iopb->TargetFileObject->FileName);
     }
     event.status = data->IoStatus.Status;
+    event.information = data->IoStatus.Information;
     event.context = context;
     event.requestorMode = data->RequestorMode;
     event.threadId = PsGetCurrentThreadId();
+    event.processId = PsGetCurrentProcessId();
+    event.irql = KeGetCurrentIrql();
+    event.issuer = data->Thread;
     std::lock_guard lock(EventsMutex());
     Events().push_back(event);
     return event;
+}
+
+// Replaces the create's name by target and sets STATUS_REPARSE with IO_REPARSE, as a filter that
+// redirects an open does; the buffer handed over is untagged pool that the I/O manager frees.
+inline void Redirect(PFLT_CALLBACK_DATA data, std::u16string_view target)
+{
+    PFILE_OBJECT fileObject = data->Iopb->TargetFileObject;
+    const USHORT bytes = static_cast<USHORT>(target.size() * sizeof(WCHAR));
+    auto* buffer = static_cast<PWCH>(ExAllocatePool(NonPagedPoolNx, bytes));
+    ASSERT_NE(buffer, nullptr);
+    std::memcpy(buffer, target.data(), bytes);
+    ExFreePoolWithTag(fileObject->FileName.Buffer, 0);
+    fileObject->FileName.Buffer = buffer;
+    fileObject->FileName.Length = bytes;
+    fileObject->FileName.MaximumLength = bytes;
+    data->IoStatus.Status = STATUS_REPARSE;
+    data->IoStatus.Information = IO_REPARSE;
 }
 
 template <int Slot>
@@ -147,7 +175,7 @@ struct TestFilter {
         if (script().post) {
             script().post(data, objects, context);
         }
-        return FLT_POSTOP_FINISHED_PROCESSING;
+        return script().postResult ? script().postResult(data) : FLT_POSTOP_FINISHED_PROCESSING;
     }
 
     static NTSTATUS FLTAPI Setup(PCFLT_RELATED_OBJECTS, FLT_INSTANCE_SETUP_FLAGS, DEVICE_TYPE deviceType,
@@ -285,6 +313,25 @@ protected:
                                      share, disposition, options, nullptr, 0);
         opened.information = ioStatus.Information;
         return opened;
+    }
+
+    // Opens through FltCreateFileEx at the instance of filter A (a kernel handle; *fileObject, if
+    // asked for, is referenced).
+    NTSTATUS OpenBelowA(std::u16string_view path, ACCESS_MASK access, ULONG share, ULONG flags, HANDLE* handle,
+                        PFILE_OBJECT* fileObject, ULONG disposition = FILE_OPEN)
+    {
+        PFLT_INSTANCE instance = FilterA::Instance(u"C:");
+        EXPECT_NE(instance, nullptr);
+        ntsim::UnicodeStringHolder name(path);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                                   nullptr);
+        IO_STATUS_BLOCK ioStatus{};
+        NTSTATUS status = FltCreateFileEx(FilterA::script().filter, instance, handle, fileObject, access, &attributes,
+                                          &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL, share, disposition, 0, nullptr, 0,
+                                          flags);
+        FltObjectDereference(instance);
+        return status;
     }
 
     NTSTATUS Write(HANDLE handle, std::string_view data, LONGLONG offset = -1)

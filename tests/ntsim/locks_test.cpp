@@ -83,6 +83,40 @@ TEST_F(Resource, AWaitingAcquireBlocksUntilTheOwnerReleases)
     EXPECT_TRUE(acquired);
 }
 
+TEST_F(Resource, EveryReleaseWakesTheWaitersItLetsIn)
+{
+    // The owner holds it; an exclusive and a shared waiter queue behind it. The owner's release
+    // lets the exclusive waiter in, whose own release lets the shared one in.
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(&resource_, TRUE);
+    std::atomic<int> order{0};
+    std::atomic<int> exclusiveTurn{0}, sharedTurn{0};
+    std::thread exclusive([&] {
+        KeEnterCriticalRegion();
+        ExAcquireResourceExclusiveLite(&resource_, TRUE);
+        exclusiveTurn = ++order;
+        ExReleaseResourceLite(&resource_);
+        KeLeaveCriticalRegion();
+    });
+    ASSERT_TRUE(Eventually([&] { return ExGetExclusiveWaiterCount(&resource_) == 1; }));
+    std::thread shared([&] {
+        KeEnterCriticalRegion();
+        ExAcquireResourceSharedLite(&resource_, TRUE);
+        sharedTurn = ++order;
+        ExReleaseResourceLite(&resource_);
+        KeLeaveCriticalRegion();
+    });
+    ASSERT_TRUE(Eventually([&] { return ExGetSharedWaiterCount(&resource_) == 1; }));
+    ExReleaseResourceLite(&resource_);
+    KeLeaveCriticalRegion();
+    exclusive.join();
+    shared.join();
+    EXPECT_EQ(exclusiveTurn, 1);
+    EXPECT_EQ(sharedTurn, 2);
+    EXPECT_EQ(ExGetExclusiveWaiterCount(&resource_), 0u);
+    EXPECT_EQ(ExGetSharedWaiterCount(&resource_), 0u);
+}
+
 TEST_F(Resource, SharedOwnersCoexistAndExcludeAnExclusiveOne)
 {
     std::atomic<int> holding{0};

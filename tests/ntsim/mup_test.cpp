@@ -14,7 +14,10 @@
 #include <ntsim/sim/text.hpp>
 #include <userbuffer.hpp>
 
+#include <condition_variable>
 #include <cstring>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -36,6 +39,7 @@ struct Seen {
     std::string clientSid;    // the impersonation token's user on a pre-create, if any
     std::string primarySid;   // the process token's user on a pre-create
     std::string normalized;   // FltGetFileNameInformation on a pre-create, or its failure
+    ACCESS_MASK desiredAccess = 0;  // on a pre-create
 };
 
 std::string SidText(PACCESS_TOKEN token)
@@ -63,6 +67,8 @@ struct Recorder {
         return instance;
     }
     static inline PFLT_FILTER filter = nullptr;
+    // Runs in the pre-create of an open of the MUP device, after the event is noted.
+    static inline std::function<void()> onRequesterPreCreate;
     static inline std::vector<std::pair<ULONG, ULONG>> setups;  // device type, file-system type
 
     static void Note(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, bool post)
@@ -80,6 +86,7 @@ struct Recorder {
         if (event.major == IRP_MJ_CREATE && !post) {
             const SECURITY_SUBJECT_CONTEXT& subject =
                 data->Iopb->Parameters.Create.SecurityContext->AccessState->SubjectSecurityContext;
+            event.desiredAccess = data->Iopb->Parameters.Create.SecurityContext->DesiredAccess;
             event.clientSid = SidText(subject.ClientToken);
             event.primarySid = SidText(subject.PrimaryToken);
             PFLT_FILE_NAME_INFORMATION name = nullptr;
@@ -98,6 +105,10 @@ struct Recorder {
     static FLT_PREOP_CALLBACK_STATUS FLTAPI Pre(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS objects, PVOID*)
     {
         Note(data, objects, false);
+        if (data->Iopb->MajorFunction == IRP_MJ_CREATE && onRequesterPreCreate &&
+            data->Iopb->TargetFileObject->DeviceObject->DeviceType == FILE_DEVICE_NETWORK_FILE_SYSTEM) {
+            onRequesterPreCreate();
+        }
         return FLT_PREOP_SUCCESS_WITH_CALLBACK;
     }
 
@@ -145,6 +156,7 @@ protected:
     {
         Recorder::seen().clear();
         Recorder::setups.clear();
+        Recorder::onRequesterPreCreate = nullptr;
         volume_ = ntsim::CreateNtfsVolume(kLocalDevice);
         ASSERT_EQ(ntsim::MountVolume(volume_, u"C:"), STATUS_SUCCESS);
         ntsim::FilterLoadOptions options;
@@ -386,6 +398,8 @@ TEST_F(MupTest, ServersAndSharesTheLoopbackServerDoesNotServeFailWithoutALocalOp
         {u"\\Device\\Mup\\127.0.0.1\\Q$\\x.txt", STATUS_BAD_NETWORK_NAME},  // no drive Q:
         {u"\\Device\\Mup\\127.0.0.1\\IPC$\\x.txt", STATUS_BAD_NETWORK_NAME},
         {u"\\Device\\Mup\\127.0.0.1\\C\\x.txt", STATUS_BAD_NETWORK_NAME},
+        {u"\\Device\\Mup\\127.0.0.1\\C", STATUS_BAD_NETWORK_NAME},
+        {u"\\Device\\Mup\\127.0.0.1\\", STATUS_BAD_NETWORK_NAME},  // the share's name is empty
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(ntsim::ToUtf8(test.path));
@@ -416,6 +430,102 @@ TEST_F(MupTest, MissingLocalFileFailsBothOpensAndLeavesNothingOpen)
     ASSERT_EQ(Open(u"\\Device\\Mup\\127.0.0.1\\C$\\missing.txt", &handle, FILE_CREATE), STATUS_SUCCESS);
     EXPECT_TRUE(volume_->Exists(u"\\missing.txt"));
     ASSERT_EQ(NtClose(handle), STATUS_SUCCESS);
+}
+
+TEST_F(MupTest, AttributeOnlyAccessAndAttributeQueriesReachTheServersOpenAsTheRequesterAskedThem)
+{
+    volume_->SeedFile(u"\\dir\\attributes.txt", "0123456789");
+
+    // An open for attributes alone: the server's kernel-mode open asks for that much and no more.
+    HANDLE handle = nullptr;
+    ntsim::UnicodeStringHolder name(u"\\Device\\Mup\\127.0.0.1\\C$\\dir\\attributes.txt");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    IO_STATUS_BLOCK ioStatus{};
+    ASSERT_EQ(NtCreateFile(&handle, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
+                           FILE_SHARE_READ, FILE_OPEN, 0, nullptr, 0),
+              STATUS_SUCCESS);
+    std::vector<Seen> creates = Of(IRP_MJ_CREATE);
+    ASSERT_EQ(creates.size(), 4u);
+    EXPECT_EQ(creates[0].desiredAccess, ACCESS_MASK{FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+    EXPECT_EQ(creates[1].desiredAccess, ACCESS_MASK{FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+    EXPECT_EQ(creates[1].mode, KernelMode);
+    EXPECT_EQ(creates[1].processId, server_->Id());
+    ASSERT_EQ(NtClose(handle), STATUS_SUCCESS);
+
+    // NtQueryFullAttributesFile of a loopback path: the fast query open of the MUP device is served
+    // by a server open of the local file, for its attributes, through the whole stack.
+    Recorder::seen().clear();
+    FILE_NETWORK_OPEN_INFORMATION information{};
+    ASSERT_EQ(NtQueryFullAttributesFile(&attributes, &information), STATUS_SUCCESS);
+    EXPECT_EQ(information.EndOfFile.QuadPart, 10);
+    creates = Of(IRP_MJ_CREATE);
+    ASSERT_EQ(creates.size(), 2u) << "the server's open of the local file, pre and post";
+    EXPECT_EQ(creates[0].deviceType, ULONG{FILE_DEVICE_DISK_FILE_SYSTEM});
+    EXPECT_EQ(creates[0].fileName, "\\dir\\attributes.txt");
+    EXPECT_EQ(creates[0].desiredAccess, ACCESS_MASK{FILE_READ_ATTRIBUTES});
+    EXPECT_EQ(creates[0].clientSid, ntsim::ToUtf8(kUserSid));
+    EXPECT_EQ(volume_->HandleCount(u"\\dir\\attributes.txt"), 0u);
+}
+
+TEST_F(MupTest, LoopbackOpensInFlightTogetherEachReachTheServerAsTheirOwnRequester)
+{
+    volume_->SeedFile(u"\\one.txt", "1");
+    volume_->SeedFile(u"\\two.txt", "2");
+    constexpr const char16_t* kOtherSid = u"S-1-5-21-1004336348-1177238915-682003330-1002";
+    ntsim::ProcessOptions otherOptions;
+    otherOptions.userSid = kOtherSid;
+    std::shared_ptr<ntsim::Process> other = ntsim::CreateProcess(otherOptions);
+
+    // Each requester's MUP open waits in its pre-create until the other's has arrived, so that both
+    // are in flight when the server's opens run.
+    std::mutex mutex;
+    std::condition_variable changed;
+    int arrived = 0;
+    Recorder::onRequesterPreCreate = [&] {
+        std::unique_lock lock(mutex);
+        ++arrived;
+        changed.notify_all();
+        changed.wait(lock, [&] { return arrived >= 2; });
+    };
+    HANDLE otherHandle = nullptr;
+    NTSTATUS otherStatus = STATUS_UNSUCCESSFUL;
+    {
+        ntsim::SimulatedThread otherRequester(other, [&] {
+            otherStatus = Open(u"\\Device\\Mup\\127.0.0.1\\C$\\two.txt", &otherHandle);
+        });
+        HANDLE handle = nullptr;
+        ASSERT_EQ(Open(u"\\Device\\Mup\\127.0.0.1\\C$\\one.txt", &handle), STATUS_SUCCESS);
+        otherRequester.Join();
+        ASSERT_EQ(NtClose(handle), STATUS_SUCCESS);
+    }
+    Recorder::onRequesterPreCreate = nullptr;
+    ASSERT_EQ(otherStatus, STATUS_SUCCESS);
+
+    std::map<std::string, Seen> requesters;
+    std::map<std::string, Seen> servers;
+    for (const Seen& event : Of(IRP_MJ_CREATE)) {
+        if (event.post) {
+            continue;
+        }
+        const bool local = event.deviceType == FILE_DEVICE_DISK_FILE_SYSTEM;
+        const std::string file = event.fileName.substr(event.fileName.rfind('\\') + 1);
+        (local ? servers : requesters)[file] = event;
+    }
+    ASSERT_EQ(requesters.size(), 2u);
+    ASSERT_EQ(servers.size(), 2u);
+    EXPECT_EQ(requesters["one.txt"].processId, process_->Id());
+    EXPECT_EQ(requesters["two.txt"].processId, other->Id());
+    EXPECT_EQ(servers["one.txt"].clientSid, ntsim::ToUtf8(kUserSid));
+    EXPECT_EQ(servers["two.txt"].clientSid, ntsim::ToUtf8(kOtherSid));
+    for (const char* file : {"one.txt", "two.txt"}) {
+        EXPECT_EQ(servers[file].processId, server_->Id()) << file;
+        EXPECT_EQ(servers[file].mode, KernelMode) << file;
+    }
+    EXPECT_NE(servers["one.txt"].threadId, servers["two.txt"].threadId) << "each open has a session of its own";
+
+    ntsim::AttachThread asOther(other);
+    ASSERT_EQ(NtClose(otherHandle), STATUS_SUCCESS);
 }
 
 }  // namespace

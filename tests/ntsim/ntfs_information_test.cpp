@@ -246,13 +246,13 @@ TEST_F(NtfsInformation, SetClassesChangeTimesAttributesAndSizes)
     EXPECT_EQ(Set(*readOnly, FileEndOfFileInformation, endOfFile), STATUS_ACCESS_DENIED);
 }
 
-TEST_F(NtfsInformation, ExtendedAttributesAreAbsentAndUnmodelledClassesFailLoudly)
+TEST_F(NtfsInformation, FileWithoutExtendedAttributesHasNoneAndUnmodelledClassesFailLoudly)
 {
     volume->SeedFile(u"\\f.txt");
     auto open = MustOpen({.path = u"\\f.txt"});
     char buffer[64];
     ULONG returned = 1;
-    EXPECT_EQ(volume->QueryEa(*open, buffer, sizeof(buffer), &returned), STATUS_NO_EAS_ON_FILE);
+    EXPECT_EQ(volume->QueryEa(*open, {}, buffer, sizeof(buffer), &returned), STATUS_NO_EAS_ON_FILE);
     EXPECT_EQ(returned, 0u);
     Query(*open, FileRenameInformation, 64, STATUS_INVALID_INFO_CLASS);
 

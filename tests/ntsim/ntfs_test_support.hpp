@@ -20,6 +20,7 @@ struct Opened {
     ULONG_PTR information = ~ULONG_PTR{0};
     std::unique_ptr<ntsim::VolumeOpen> open;
     std::u16string finalComponent;
+    std::vector<UCHAR> reparseBuffer;
 };
 
 struct OpenRequest {
@@ -45,7 +46,8 @@ inline Opened OpenOn(ntsim::Volume& volume, const OpenRequest& request)
     parameters.ignoreShareAccess = request.ignoreShareAccess;
     parameters.fileAttributes = request.attributes;
     Opened result;
-    result.status = volume.Create(parameters, &result.open, &result.information, &result.finalComponent);
+    result.status =
+        volume.Create(parameters, &result.open, &result.information, &result.finalComponent, &result.reparseBuffer);
     return result;
 }
 

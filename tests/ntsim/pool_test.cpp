@@ -93,6 +93,35 @@ TEST(PoolAccounting, StaysExactUnderConcurrentAllocationAndFree)
     EXPECT_EQ(usage.totalAllocations, 2000u);
 }
 
+TEST(PoolAccounting, ManyBlocksFreedInAnyOrderAreEachKnownUntilFreed)
+{
+    // Enough blocks to make the table of live blocks grow several times, freed in an order that
+    // leaves holes everywhere: every block stays live until its own free, and no other block
+    // is lost with it.
+    const ULONG tag = TagFromText("TsMn");
+    std::vector<void*> blocks;
+    for (int i = 0; i < 5000; ++i) {
+        blocks.push_back(ExAllocatePoolWithTag(PagedPool, 16 + i % 64, tag));
+    }
+    EXPECT_EQ(UsageOfTag(tag).liveCount, 5000u);
+    for (size_t step : {3u, 2u, 1u}) {
+        for (size_t i = 0; i < blocks.size(); i += step) {
+            if (blocks[i] != nullptr) {
+                ExFreePoolWithTag(blocks[i], tag);
+                EXPECT_FALSE(ntsim::pool::IsLive(blocks[i]));
+                blocks[i] = nullptr;
+            }
+        }
+        for (void* block : blocks) {
+            if (block != nullptr) {
+                ASSERT_TRUE(ntsim::pool::IsLive(block));
+            }
+        }
+    }
+    EXPECT_EQ(UsageOfTag(tag).liveCount, 0u);
+    EXPECT_EQ(UsageOfTag(tag).liveBytes, 0u);
+}
+
 TEST(PoolContents, BlocksAreNotZeroedButExAllocatePoolZeroZeroes)
 {
     const ULONG tag = TagFromText("TsZr");

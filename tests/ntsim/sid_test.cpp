@@ -53,6 +53,26 @@ TEST(SidText, DecimalFormOfAuthorityAndSubAuthorities)
     EXPECT_EQ(Text(big.data()), "S-1-4294967295-7");
 }
 
+TEST(SidText, NumbersOfEveryWidthAreWrittenWhole)
+{
+    // One to ten digits, each at both ends of its width.
+    std::vector<ULONG> values;
+    std::string expected = "S-1-5";
+    for (ULONG low = 1, width = 1; width <= 10; ++width, low = low * 10) {
+        const ULONG high = width == 10 ? 4294967295u : low * 10 - 1;
+        for (ULONG value : {width == 1 ? 0u : low, high}) {
+            values.push_back(value);
+            expected += "-" + std::to_string(value);
+        }
+    }
+    ASSERT_EQ(values.size(), 20u);
+    // Fifteen sub-authorities at most: the values go in two SIDs.
+    std::vector<ULONG> first(values.begin(), values.begin() + 10), second(values.begin() + 10, values.end());
+    auto one = MakeSid(SECURITY_NT_AUTHORITY, first);
+    auto two = MakeSid(SECURITY_NT_AUTHORITY, second);
+    EXPECT_EQ(Text(one.data()) + Text(two.data()).substr(5), expected);
+}
+
 TEST(SidText, AuthorityOfTwoToTheThirtyTwoOrMoreIsTwelveHexDigits)
 {
     auto atLimit = MakeSid({{0, 1, 0, 0, 0, 0}}, {5});
@@ -60,6 +80,22 @@ TEST(SidText, AuthorityOfTwoToTheThirtyTwoOrMoreIsTwelveHexDigits)
 
     auto full = MakeSid({{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC}}, {});
     EXPECT_EQ(Text(full.data()), "S-1-0x123456789ABC");
+}
+
+TEST(SidText, TheLongestTextComesWhole)
+{
+    // A hexadecimal authority and fifteen sub-authorities of ten digits: 183 characters.
+    auto longest = MakeSid({{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}, std::vector<ULONG>(15, 4294967295u));
+    std::string expected = "S-1-0xFFFFFFFFFFFF";
+    for (int i = 0; i < 15; ++i) {
+        expected += "-4294967295";
+    }
+    ASSERT_EQ(expected.size(), 183u);
+    EXPECT_EQ(Text(longest.data()), expected);
+
+    auto exact = ntsim::UnicodeStringHolder::WithCapacity(183 * sizeof(WCHAR));
+    EXPECT_EQ(RtlConvertSidToUnicodeString(exact.get(), longest.data(), FALSE), STATUS_SUCCESS);
+    EXPECT_EQ(exact.utf8(), expected);
 }
 
 TEST(SidText, TextParsesBackToTheSameSid)

@@ -3,6 +3,7 @@
 #include "../ntsim/port_testfilter.hpp"
 
 #include <foldermerge/service/control.hpp>
+#include <foldermerge/service/dirtyblocks.hpp>
 
 #include <atomic>
 #include <future>
@@ -173,16 +174,16 @@ TEST_F(ServiceConnectionTest, TracingAndDirtyBlockMessagesHaveTheirWireLayouts)
     EXPECT_EQ(messages_.back()[8], 1);
 
     DirtyBlockMap map;
-    ASSERT_EQ(connection_->RequestDirtyBlockMap(u"\\Device\\HarddiskVolume2\\a.txt", 3, &map), S_OK);
+    ASSERT_EQ(RequestDirtyBlockMap(*connection_, u"\\Device\\HarddiskVolume2\\a.txt", 3, &map), S_OK);
     EXPECT_EQ(ReadAt<ULONG>(messages_.back().data(), 0), 3u);
     EXPECT_EQ(TextAt(messages_.back().data() + 8), u"\\Device\\HarddiskVolume2\\a.txt");
     EXPECT_TRUE(map.trackingFailed);
     EXPECT_EQ(map.map, (std::vector<uint8_t>{0xA1, 0xA2, 0xA3}));
-    EXPECT_EQ(connection_->RequestDirtyBlockMap(u"\\Device\\HarddiskVolume2\\a.txt", 2, &map),
+    EXPECT_EQ(RequestDirtyBlockMap(*connection_, u"\\Device\\HarddiskVolume2\\a.txt", 2, &map),
               HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER));
 
     DirtyBlockCount count;
-    ASSERT_EQ(connection_->RequestDirtyBlockCount(u"\\Device\\HarddiskVolume2\\b.txt", true, &count), S_OK);
+    ASSERT_EQ(RequestDirtyBlockCount(*connection_, u"\\Device\\HarddiskVolume2\\b.txt", true, &count), S_OK);
     EXPECT_EQ(ReadAt<ULONG>(messages_.back().data(), 0), 4u);
     EXPECT_EQ(messages_.back()[8], 1);
     EXPECT_EQ(TextAt(messages_.back().data() + 10), u"\\Device\\HarddiskVolume2\\b.txt");

@@ -113,6 +113,43 @@ static_assert(FILE_GENERIC_EXECUTE == 0x1200A0, "FILE_GENERIC_EXECUTE");
 #define FILE_ATTRIBUTE_VALID_FLAGS           0x00007FB7
 #define FILE_ATTRIBUTE_VALID_SET_FLAGS       0x000031A7
 
+// ---- reparse points ----
+// Tags of Microsoft's reparse points (a tag's top bit marks Microsoft's own).
+#define IO_REPARSE_TAG_MOUNT_POINT       0xA0000003L  // a junction
+#define IO_REPARSE_TAG_SYMLINK           0xA000000CL
+#define SYMLINK_FLAG_RELATIVE            0x00000001
+
+// A reparse point as the file system keeps it and hands it to the I/O manager with a
+// STATUS_REPARSE create (Information is the tag). In that hand-over Reserved is the length in bytes
+// of the part of the opened name that follows the reparse point.
+typedef struct _REPARSE_DATA_BUFFER {
+    ULONG ReparseTag;
+    USHORT ReparseDataLength;  // bytes after the header
+    USHORT Reserved;
+    union {
+        struct {
+            USHORT SubstituteNameOffset;  // in bytes, into PathBuffer
+            USHORT SubstituteNameLength;
+            USHORT PrintNameOffset;
+            USHORT PrintNameLength;
+            ULONG Flags;  // SYMLINK_FLAG_RELATIVE
+            WCHAR PathBuffer[1];
+        } SymbolicLinkReparseBuffer;
+        struct {
+            USHORT SubstituteNameOffset;
+            USHORT SubstituteNameLength;
+            USHORT PrintNameOffset;
+            USHORT PrintNameLength;
+            WCHAR PathBuffer[1];
+        } MountPointReparseBuffer;
+        struct {
+            UCHAR DataBuffer[1];
+        } GenericReparseBuffer;
+    };
+} REPARSE_DATA_BUFFER, *PREPARSE_DATA_BUFFER;
+
+#define REPARSE_DATA_BUFFER_HEADER_SIZE FIELD_OFFSET(REPARSE_DATA_BUFFER, GenericReparseBuffer)
+
 // ---- alignment requirements (FILE_ALIGNMENT_INFORMATION) ----
 #define FILE_BYTE_ALIGNMENT              0x00000000
 #define FILE_WORD_ALIGNMENT              0x00000001
@@ -678,3 +715,7 @@ static_assert(sizeof(FILE_ATTRIBUTE_TAG_INFORMATION) == 8, "FILE_ATTRIBUTE_TAG_I
 static_assert(FIELD_OFFSET(FILE_NAME_INFORMATION, FileName) == 4, "FILE_NAME_INFORMATION");
 static_assert(FIELD_OFFSET(FILE_FULL_EA_INFORMATION, EaName) == 8, "FILE_FULL_EA_INFORMATION");
 static_assert(FIELD_OFFSET(FILE_GET_EA_INFORMATION, EaName) == 5, "FILE_GET_EA_INFORMATION");
+
+static_assert(REPARSE_DATA_BUFFER_HEADER_SIZE == 8, "REPARSE_DATA_BUFFER");
+static_assert(FIELD_OFFSET(REPARSE_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) == 16, "REPARSE_DATA_BUFFER");
+static_assert(FIELD_OFFSET(REPARSE_DATA_BUFFER, SymbolicLinkReparseBuffer.PathBuffer) == 20, "REPARSE_DATA_BUFFER");

@@ -266,12 +266,49 @@ typedef ULONG FLT_CALLBACK_DATA_FLAGS;
 #define FLT_IS_FS_FILTER_OPERATION(Data) (((Data)->Flags & FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION) != 0)
 #define FLT_IS_SYSTEM_BUFFER(Data) (((Data)->Flags & FLTFL_CALLBACK_DATA_SYSTEM_BUFFER) != 0)
 
+// The reparse point that a file system answered a create with (STATUS_REPARSE, the tag in
+// IoStatus.Information), as post-create callbacks see it in FLT_CALLBACK_DATA::TagData: the
+// layout of REPARSE_DATA_BUFFER, with the length of the name left after the reparse point.
+typedef struct _FLT_TAG_DATA_BUFFER {
+    ULONG FileTag;
+    USHORT TagDataLength;
+    USHORT UnparsedNameLength;
+    union {
+        struct {
+            USHORT SubstituteNameOffset;
+            USHORT SubstituteNameLength;
+            USHORT PrintNameOffset;
+            USHORT PrintNameLength;
+            ULONG Flags;
+            WCHAR PathBuffer[1];
+        } SymbolicLinkReparseBuffer;
+        struct {
+            USHORT SubstituteNameOffset;
+            USHORT SubstituteNameLength;
+            USHORT PrintNameOffset;
+            USHORT PrintNameLength;
+            WCHAR PathBuffer[1];
+        } MountPointReparseBuffer;
+        struct {
+            UCHAR DataBuffer[1];
+        } GenericReparseBuffer;
+        struct {
+            GUID TagGuid;
+            UCHAR DataBuffer[1];
+        } GenericGUIDReparseBuffer;
+    };
+} FLT_TAG_DATA_BUFFER, *PFLT_TAG_DATA_BUFFER;
+
+static_assert(FIELD_OFFSET(FLT_TAG_DATA_BUFFER, MountPointReparseBuffer.PathBuffer) ==
+                  FIELD_OFFSET(REPARSE_DATA_BUFFER, MountPointReparseBuffer.PathBuffer),
+              "FLT_TAG_DATA_BUFFER");
+
 typedef struct _FLT_CALLBACK_DATA {
     FLT_CALLBACK_DATA_FLAGS Flags;
     const PETHREAD Thread;  // the thread that issued the operation
     const PFLT_IO_PARAMETER_BLOCK Iopb;
     IO_STATUS_BLOCK IoStatus;
-    struct _FLT_TAG_DATA_BUFFER* TagData;
+    PFLT_TAG_DATA_BUFFER TagData;  // a create answered with STATUS_REPARSE and a reparse point's tag
     union {
         struct {
             LIST_ENTRY QueueLinks;
@@ -504,6 +541,12 @@ BOOLEAN FLTAPI FltIsCallbackDataDirty(PFLT_CALLBACK_DATA Data);
 // operations report NOT_IMPLEMENTED). At or below APC_LEVEL.
 NTSTATUS FLTAPI FltLockUserBuffer(PFLT_CALLBACK_DATA CallbackData);
 
+// Whether the operation completes in the thread that issued it (so that a pre-callback may wait
+// for its post-callback): TRUE for fast I/O and file system filter operations; for an IRP, TRUE for
+// synchronous paging I/O (IRP_SYNCHRONOUS_PAGING_IO), FALSE for other paging I/O, and otherwise
+// TRUE when IRP_SYNCHRONOUS_API is set or the file object was opened for synchronous I/O.
+BOOLEAN FLTAPI FltIsOperationSynchronous(PFLT_CALLBACK_DATA CallbackData);
+
 // Volume names: "\Device\HarddiskVolume2". With a null VolumeName, or one too short,
 // STATUS_BUFFER_TOO_SMALL and *BufferSizeNeeded (if given) the size in bytes.
 NTSTATUS FLTAPI FltGetVolumeName(PFLT_VOLUME Volume, PUNICODE_STRING VolumeName, PULONG BufferSizeNeeded);
@@ -520,9 +563,11 @@ NTSTATUS FLTAPI FltObjectReference(PVOID FltObject);
 VOID FLTAPI FltObjectDereference(PVOID FltObject);
 
 // Name of the target of an operation. FLT_FILE_NAME_NORMALIZED gives the long-name form (short
-// names expanded by the file system) and fails for a file that does not exist (as in a
-// pre-create of a new file); FLT_FILE_NAME_OPENED gives the name as opened. The result is
-// referenced; release it with FltReleaseFileNameInformation. PASSIVE_LEVEL or APC_LEVEL.
+// names expanded by the file system) and fails for a file that does not exist, except in a
+// pre-create: there a last component that does not exist yet is kept as the caller gave it,
+// behind its parent's normalized name (STATUS_OBJECT_PATH_NOT_FOUND when the parent does not
+// exist). FLT_FILE_NAME_OPENED gives the name as opened. The result is referenced; release it
+// with FltReleaseFileNameInformation. PASSIVE_LEVEL or APC_LEVEL.
 NTSTATUS FLTAPI FltGetFileNameInformation(PFLT_CALLBACK_DATA CallbackData, FLT_FILE_NAME_OPTIONS NameOptions,
                                           PFLT_FILE_NAME_INFORMATION* FileNameInformation);
 NTSTATUS FLTAPI FltGetFileNameInformationUnsafe(PFILE_OBJECT FileObject, PFLT_INSTANCE Instance,
@@ -556,6 +601,23 @@ NTSTATUS FLTAPI FltCreateFileEx(PFLT_FILTER Filter, PFLT_INSTANCE Instance, PHAN
                                 ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength,
                                 ULONG Flags);
 NTSTATUS FLTAPI FltClose(HANDLE FileHandle);
+
+// From a post-operation callback that may run at DISPATCH_LEVEL: at APC_LEVEL or below, calls
+// SafePostCallback at once and gives its result; above, queues it to a worker thread at
+// PASSIVE_LEVEL and gives FLT_POSTOP_MORE_PROCESSING_REQUIRED, for the post-callback to return; the
+// operation completes when SafePostCallback has returned. FALSE, with nothing called, for an
+// operation that is not an IRP, for paging I/O and while draining.
+BOOLEAN FLTAPI FltDoCompletionProcessingWhenSafe(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                 PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags,
+                                                 PFLT_POST_OPERATION_CALLBACK SafePostCallback,
+                                                 PFLT_POSTOP_CALLBACK_STATUS RetPostOperationStatus);
+
+// From a post-create callback, before it sets a failure status on an open that the file system
+// made: the instances below Instance and the file system see the cleanup of FileObject now and its
+// close when its last reference goes (the instances above see only the failure). Nothing the open
+// did is undone; a FILE_DELETE_ON_CLOSE open deletes the file at that cleanup. Sets
+// FO_FILE_OPEN_CANCELLED. PASSIVE_LEVEL.
+VOID FLTAPI FltCancelFileOpen(PFLT_INSTANCE Instance, PFILE_OBJECT FileObject);
 
 // Synchronous reads and writes below InitiatingInstance (CallbackRoutine must be null). A null
 // ByteOffset uses the file object's position (synchronous file objects only). Flags:

@@ -1,8 +1,6 @@
 // The service's two connections and its control messages.
 #include <foldermerge/service/control.hpp>
 
-#include <cstring>
-
 namespace foldermerge::service {
 
 namespace {
@@ -18,14 +16,6 @@ bool PutText(uint16_t* field, size_t chars, std::u16string_view text)
     }
     field[text.size()] = 0;
     return true;
-}
-
-// Copies path behind a request's head; the buffer's zeroed tail is its terminator.
-void PutPath(uint8_t* at, std::u16string_view path)
-{
-    if (!path.empty()) {
-        std::memcpy(at, path.data(), path.size() * sizeof(char16_t));
-    }
 }
 
 }  // namespace
@@ -151,50 +141,6 @@ HRESULT FilterConnection::SetTracingEnabled(bool enable)
     record->bEnable = enable ? 1 : 0;
     DWORD returned = 0;
     return SendControl(message, nullptr, &returned);
-}
-
-HRESULT FilterConnection::RequestDirtyBlockMap(std::u16string_view devicePath, uint32_t mapCapacity,
-                                               DirtyBlockMap* map)
-{
-    HeapBuffer message(DIRTY_BLOCK_MAP_REQUEST_HEAD_SIZE + sizeof(char16_t) * (devicePath.size() + 1));
-    message.as<DirtyBlockMapRequest>()->Code = CONTROL_REQUEST_DIRTY_BLOCK_MAP;
-    PutPath(message.data() + DIRTY_BLOCK_MAP_REQUEST_HEAD_SIZE, devicePath);
-    HeapBuffer reply(DIRTY_BLOCK_MAP_REPLY_LENGTH(size_t{mapCapacity}));
-    DWORD returned = 0;
-    const HRESULT result = SendControl(message, &reply, &returned);
-    if (FAILED(result)) {
-        return result;
-    }
-    const auto* record = reply.as<DirtyBlockMapReply>();
-    if (returned < DIRTY_BLOCK_MAP_REPLY_LENGTH(0) || record->MapLength > returned - DIRTY_BLOCK_MAP_REPLY_LENGTH(0)) {
-        return E_FAIL;  // not a map reply
-    }
-    map->trackingFailed = record->bTrackingFailed != 0;
-    const uint8_t* bytes = reply.data() + DIRTY_BLOCK_MAP_REPLY_HEAD_SIZE;
-    map->map.assign(bytes, bytes + record->MapLength);
-    return S_OK;
-}
-
-HRESULT FilterConnection::RequestDirtyBlockCount(std::u16string_view devicePath, bool reset, DirtyBlockCount* count)
-{
-    HeapBuffer message(DIRTY_BLOCK_COUNT_REQUEST_HEAD_SIZE + sizeof(char16_t) * (devicePath.size() + 1));
-    auto* request = message.as<DirtyBlockCountRequest>();
-    request->Code = CONTROL_REQUEST_DIRTY_BLOCK_COUNT;
-    request->bReset = reset ? 1 : 0;
-    PutPath(message.data() + DIRTY_BLOCK_COUNT_REQUEST_HEAD_SIZE, devicePath);
-    HeapBuffer reply(sizeof(DirtyBlockCountReply));
-    DWORD returned = 0;
-    const HRESULT result = SendControl(message, &reply, &returned);
-    if (FAILED(result)) {
-        return result;
-    }
-    if (returned < DIRTY_BLOCK_COUNT_REPLY_SIZE) {
-        return E_FAIL;
-    }
-    const auto* record = reply.as<DirtyBlockCountReply>();
-    count->trackingFailed = record->bTrackingFailed != 0;
-    count->count = record->DirtyBlockCount;
-    return S_OK;
 }
 
 HRESULT FilterConnection::StartReceiving(RequestHandler handler, unsigned workers, ThreadStarter starter,

@@ -67,6 +67,13 @@ struct PointSet {
 void FailNthPointOf(PointSet set, uint64_t n, NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES,
                     Persistence persistence = Persistence::Once);
 
+// A stop of the whole system at the n-th point of trigger (n >= 1): from that point on, every point
+// of halted fails with status, the n-th point itself too when halted holds it, until Reset. With the
+// routines that change a volume in halted, the volume keeps the content it had at the stop, as a
+// crash would leave it, while the code that was running goes on to its end. Points of trigger are
+// counted whichever rule fails them.
+void StopAtNthPointOf(PointSet trigger, uint64_t n, PointSet halted, NTSTATUS status);
+
 // Counts since the last Reset.
 uint64_t PointsPassed();       // failure points of every kind
 uint64_t AllocationsPassed();  // pool allocation points

@@ -66,6 +66,38 @@ NTSTATUS DetachFilter(std::u16string_view filterName, std::u16string_view device
 // Names of the loaded filters, highest altitude first.
 std::vector<std::u16string> LoadedFilters();
 
+// ---- where post-operation callbacks run ----
+
+// On Windows a post-operation callback runs where the operation completes: at any IRQL up to
+// DISPATCH_LEVEL, in an arbitrary thread. ntsim completes every operation in the thread that issued
+// it, at its IRQL, unless told otherwise; the other settings run the post-operation callbacks that
+// Windows may run that way in such a context, so that the verifier catches work done there that
+// Windows forbids (paged pool, waits, name queries, FltSendMessage). Whatever the setting, a
+// post-create runs at PASSIVE_LEVEL in the thread of the open, a post-callback whose pre-callback
+// returned FLT_PREOP_SYNCHRONIZE in the issuing thread, and the post-callbacks of fast I/O and of
+// file-system filter operations in the issuing thread (the fast path never leaves it); and
+// FltDoCompletionProcessingWhenSafe moves a post-callback's work to a thread at PASSIVE_LEVEL.
+enum class PostOperationContext {
+    IssuingThread,    // the thread of the operation, at its IRQL (the default)
+    DispatchLevel,    // the thread of the operation, raised to DISPATCH_LEVEL
+    ArbitraryThread,  // a system thread of its own, at DISPATCH_LEVEL
+};
+
+void SetPostOperationContext(PostOperationContext context);
+PostOperationContext GetPostOperationContext();
+
+// Sets the context for the object's life.
+class ScopedPostOperationContext {
+public:
+    explicit ScopedPostOperationContext(PostOperationContext context);
+    ~ScopedPostOperationContext();
+    ScopedPostOperationContext(const ScopedPostOperationContext&) = delete;
+    ScopedPostOperationContext& operator=(const ScopedPostOperationContext&) = delete;
+
+private:
+    PostOperationContext saved_;
+};
+
 // ---- I/O that tests issue on a file object ----
 
 // Takes a reference on the file object behind a file handle (as ObReferenceObjectByHandle with
@@ -80,7 +112,10 @@ struct IoRequest {
     // object, as a caller's would.
     ULONG irpFlags = 0;
     // Try the fast path first (cached I/O only). A filter that answers FLT_PREOP_DISALLOW_FASTIO
-    // refuses it, and the same request comes again as an IRP.
+    // refuses it, and the same request comes again as an IRP. Inside the fast path, before it copies,
+    // the file system asks the stack with IRP_MJ_FAST_IO_CHECK_IF_POSSIBLE (fast I/O, the offset,
+    // length and direction of the request): a filter that refuses the check also sends the request
+    // as an IRP, and the fast attempt's post-callbacks see STATUS_FLT_DISALLOW_FAST_IO.
     bool fastIo = false;
 };
 
@@ -91,9 +126,6 @@ NTSTATUS IoReadFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, void
 NTSTATUS IoWriteFile(PFILE_OBJECT fileObject, LONGLONG offset, ULONG length, const void* buffer,
                      const IoRequest& request, ULONG* transferred);
 
-// IRP_MJ_QUERY_EA, optionally tried as fast I/O first.
-NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool fastIo, ULONG* returned);
-
 // IRP_MJ_DIRECTORY_CONTROL / IRP_MN_QUERY_DIRECTORY with any stack flags (SL_RESTART_SCAN,
 // SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED) and a FileIndex. pattern may be null. A driver's own
 // request, in the calling thread's previous mode: NtQueryDirectoryFile's checks of the class, the
@@ -101,9 +133,11 @@ NTSTATUS IoQueryEaFile(PFILE_OBJECT fileObject, void* buffer, ULONG length, bool
 NTSTATUS IoQueryDirectoryFile(PFILE_OBJECT fileObject, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
                               PCUNICODE_STRING pattern, UCHAR flags, ULONG fileIndex, ULONG* returned);
 
-// IRP_MJ_NETWORK_QUERY_OPEN for a path, as fast I/O (fastIo) or as an IRP. The file object lives
-// only for the call. A refused fast attempt gives STATUS_FLT_DISALLOW_FAST_IO here (the
-// fallback to an ordinary open is NtQueryFullAttributesFile's).
+// IRP_MJ_NETWORK_QUERY_OPEN for a path, alone, as fast I/O (fastIo) or as an IRP. Its file object
+// lives only for the call and must not be referenced. A refused fast attempt gives
+// STATUS_FLT_DISALLOW_FAST_IO here, and a reparse point on the way STATUS_REPARSE (the query-only
+// open that follows either is NtQueryFullAttributesFile's); NtQueryFullAttributesFile never sends
+// the IRP form.
 NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_OPEN_INFORMATION information,
                             bool fastIo);
 
@@ -116,12 +150,17 @@ NTSTATUS IoNetworkQueryOpen(POBJECT_ATTRIBUTES objectAttributes, PFILE_NETWORK_O
 
 // A cache flush, as a flush of the file or of a mapped view makes it, in the calling thread and
 // with its previous mode: IRP_MJ_ACQUIRE_FOR_CC_FLUSH, the write-back of the dirty pages, the file
-// system's flush, then IRP_MJ_RELEASE_FOR_CC_FLUSH. A filter that completes the acquire with a
-// failure fails the flush with that status (nothing is written, the release is not sent).
+// system's flush, then IRP_MJ_RELEASE_FOR_CC_FLUSH. Acquire and release are file system filter
+// operations (FLTFL_CALLBACK_DATA_FS_FILTER_OPERATION) on the flushed file object, below its
+// opening instance; the file systems answer both with STATUS_SUCCESS and IoStatus.Information 0. A
+// filter that completes the acquire with a failure fails the flush with that status (nothing is
+// written, the release is not sent). A file object that has had its cleanup can still be flushed.
 NTSTATUS IoFlushCache(PFILE_OBJECT fileObject);
 
-// The lazy writer's write-behind of the file object: IoFlushCache with the kernel previous mode of
-// the lazy writer's system thread (the calling thread keeps its process).
+// The lazy writer's write-behind of the file object, as IoFlushCache, in a worker thread of the
+// System process (kernel previous mode); the call returns when it is done. A file object whose last
+// handle is closed may still be written back this way while a reference holds it (cleanup has come,
+// close has not), as the cache and memory managers' references do on Windows.
 NTSTATUS IoLazyWrite(PFILE_OBJECT fileObject);
 
 // A process changed `length` bytes at `offset` through a mapped view of the file, and the modified

@@ -27,9 +27,9 @@
 // FileAllInformation, normalized names) are MUP paths: \127.0.0.1\C$\dir\file.
 //
 // Failures of an open: a server other than the loopback one gives STATUS_BAD_NETWORK_PATH; a
-// share that is not X$ for a linked drive, or a path without a share, STATUS_BAD_NETWORK_NAME;
-// an open of the device or of a server alone is not provided (STATUS_NOT_IMPLEMENTED with a
-// report naming it). Share access is checked on the local volume only, by the server's open, so
+// share that is not X$ for a linked drive, or an empty share (\127.0.0.1\ and nothing after it),
+// STATUS_BAD_NETWORK_NAME; an open of the device or of a server alone (\127.0.0.1) is not
+// provided (STATUS_NOT_IMPLEMENTED with a report naming it). Share access is checked on the local volume only, by the server's open, so
 // IO_IGNORE_SHARE_ACCESS_CHECK on a MUP open changes nothing there, as with a real redirector.
 #pragma once
 

@@ -9,9 +9,12 @@
 // directory entries in upcased order), directories, named streams, the four times from ntsim's
 // clock, attributes, allocation in 4096-byte clusters, stable file ids, hard links, 8.3 short names
 // generated as NAME~1.EXT (the numbered form only, unique in the directory; a name that is already
-// 8.3 has none), share access per stream, delete pending and delete on close.
+// 8.3 has none), share access per stream, delete pending and delete on close, reparse points
+// (junctions and any other tag) that answer a create with STATUS_REPARSE, and extended attributes
+// (FILE_EA_INFORMATION and FILE_ALL_INFORMATION report their size as the length of a
+// FILE_FULL_EA_INFORMATION list of them all).
 //
-// The FAT volume is the same model without named streams and hard links (a stream path is an
+// The FAT volume is the same model without named streams, hard links and reparse points (a stream path is an
 // invalid name; FileStreamInformation and FileLinkInformation are refused), directory entries
 // still in upcased order rather than in the order they were made, and times kept to 100 ns rather
 // than FAT's granularity. The CD-ROM volume is that FAT model made read-only (2048-byte sectors):
@@ -51,8 +54,21 @@ public:
     virtual void SeedShortName(std::u16string_view path, std::u16string_view shortName) = 0;
     // Times and attributes, with FileBasicInformation's rule: a time of 0 and attributes of 0 are left.
     virtual void SeedBasicInformation(std::u16string_view path, const FILE_BASIC_INFORMATION& basic) = 0;
+    // An extended attribute of a file or directory (of the file, for a stream path): added, or its
+    // value and flags replaced; an empty value removes it. Names are ANSI, kept in upper case (as
+    // NTFS keeps them) and compared without regard to case; flags is 0 or FILE_NEED_EA. The CD-ROM
+    // volume keeps no extended attributes.
+    virtual void SeedExtendedAttribute(std::u16string_view path, std::string_view name, std::string_view value,
+                                       UCHAR flags = 0) = 0;
     // Removes a name (with everything below a directory) or a named stream, open or not.
     virtual void SeedRemove(std::u16string_view path) = 0;
+    // Makes an existing file or directory a reparse point (NTFS only): its tag and the data that
+    // follows the reparse buffer's header. An open that meets it on its way, or at its end without
+    // FILE_OPEN_REPARSE_POINT, is answered with STATUS_REPARSE and the reparse buffer.
+    virtual void SeedReparsePoint(std::u16string_view path, ULONG tag, const std::vector<UCHAR>& data) = 0;
+    // A junction: an empty directory (made if missing) with a mount point reparse point whose
+    // substitute name is target ("\??\C:\elsewhere") and whose print name is target without "\??".
+    virtual void SeedJunction(std::u16string_view path, std::u16string_view target) = 0;
 
     // ---- inspection (short names are accepted in paths) ----
     // A file, directory or (with a stream part) named stream exists.

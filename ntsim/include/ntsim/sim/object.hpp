@@ -89,6 +89,21 @@ void RegisterSharedObject(void* object, const ObjectType& type, std::weak_ptr<vo
 // From the destructor of a shared object.
 void UnregisterSharedObject(void* object);
 
+// An object that lives for one call only and that no driver may reference, such as the file
+// object of a network query open, which lives on its caller's stack. While the scope lives,
+// ObReferenceObject of the object is a bug check of `rule` (with `detail`) rather than one of an
+// object the object manager does not know.
+class UnreferenceableObjectScope {
+public:
+    UnreferenceableObjectScope(const void* object, std::string_view rule, std::string detail);
+    ~UnreferenceableObjectScope();
+    UnreferenceableObjectScope(const UnreferenceableObjectScope&) = delete;
+    UnreferenceableObjectScope& operator=(const UnreferenceableObjectScope&) = delete;
+
+private:
+    const void* object_;
+};
+
 // The type of a known object, or null.
 const ObjectType* TypeOf(const void* object);
 // Counts of a known object (0 for an unknown one).

@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace ntsim {
 
@@ -32,6 +33,34 @@ struct VolumeCreateParameters {
     bool ignoreShareAccess = false;  // IO_IGNORE_SHARE_ACCESS_CHECK: no check, nothing recorded
 };
 
+// What IoCheckShareAccess and IoSetShareAccess leave in the FILE_OBJECT of an open: the access
+// flags of an open that takes part in share access (read, write or delete access) and the sharing it
+// granted. An open that takes no part, or that skipped the check (IO_IGNORE_SHARE_ACCESS_CHECK),
+// records nothing: every flag is false.
+struct RecordedShareAccess {
+    bool readAccess = false;
+    bool writeAccess = false;
+    bool deleteAccess = false;
+    bool sharedRead = false;
+    bool sharedWrite = false;
+    bool sharedDelete = false;
+};
+
+// What an EA query asks for besides its buffer.
+struct VolumeEaQuery {
+    ULONG flags = 0;               // SL_RESTART_SCAN, SL_RETURN_SINGLE_ENTRY, SL_INDEX_SPECIFIED
+    const void* eaList = nullptr;  // FILE_GET_EA_INFORMATION chain, or null
+    ULONG eaListLength = 0;
+    ULONG eaIndex = 0;             // 1-based, with SL_INDEX_SPECIFIED
+};
+
+// The names of a FILE_GET_EA_INFORMATION chain of `length` bytes, checked as NtQueryEaFile checks
+// a caller's list: every entry holds its header, its name and the name's terminating zero, and a
+// NextEntryOffset other than 0 (the last entry's) is a multiple of 4 that passes the entry and
+// leads to another inside the chain. False for a chain that breaks a rule, with *badOffset the
+// offset of the entry that breaks it. names may be null.
+bool ParseEaNameList(const void* list, ULONG length, std::vector<std::string>* names, ULONG* badOffset);
+
 // One open of one stream, as the file system keeps it. Opaque to the I/O manager. Destroying an open
 // is its close (the last reference); an open destroyed without Cleanup is cleaned up first, so share
 // access and delete dispositions are never left behind. Cleanup runs once; a second call does nothing.
@@ -40,6 +69,8 @@ class VolumeOpen {
 public:
     virtual ~VolumeOpen() = default;
     virtual bool IsDirectory() const = 0;
+    // The share access this open recorded when it was made (cleanup does not change the answer).
+    virtual RecordedShareAccess ShareAccess() const = 0;
 };
 
 class Volume {
@@ -53,6 +84,9 @@ public:
 
     // Opens or creates. On success *open is set and *information holds FILE_OPENED, FILE_CREATED, ...
     // (on failure too where Windows reports one, such as FILE_DOES_NOT_EXIST for a target-directory open).
+    // A reparse point on the way (or at the end, unless FILE_OPEN_REPARSE_POINT opens it itself)
+    // answers STATUS_REPARSE with no open: *information is its tag and *reparseBuffer (if given)
+    // its REPARSE_DATA_BUFFER, whose Reserved is the length in bytes of the path after it.
     // For SL_OPEN_TARGET_DIRECTORY the open is of the parent and *finalComponent receives the last
     // component, which the I/O manager puts in FILE_OBJECT::FileName.
     // An empty path opens the volume itself (FILE_OPEN or FILE_OPEN_IF only): an open on which
@@ -62,7 +96,8 @@ public:
     // FILE_NON_DIRECTORY_FILE, or with a disposition other than CREATE/OPEN/OPEN_IF, and
     // FILE_DELETE_ON_CLOSE without DELETE access give STATUS_INVALID_PARAMETER).
     virtual NTSTATUS Create(const VolumeCreateParameters& parameters, std::unique_ptr<VolumeOpen>* open,
-                            ULONG_PTR* information, std::u16string* finalComponent) = 0;
+                            ULONG_PTR* information, std::u16string* finalComponent,
+                            std::vector<UCHAR>* reparseBuffer) = 0;
 
     // Data. offset is explicit (the I/O manager resolves the current position); a read at or past the
     // end gives STATUS_END_OF_FILE. A write past the end extends the stream; times are updated.
@@ -74,7 +109,8 @@ public:
     // STATUS_BUFFER_OVERFLOW with a partial record where Windows gives one. A buffer shorter than a
     // fixed-size record gives STATUS_INFO_LENGTH_MISMATCH. FilePositionInformation and
     // FileModeInformation are the I/O manager's (STATUS_INVALID_PARAMETER here; FileAllInformation
-    // carries position 0 and the mode bits of the create options, for the I/O manager to overwrite).
+    // carries the mode bits of the create options, and position 0, which the I/O manager replaces by
+    // the file object's before any filter's post-callback sees the answer).
     // FileNameInformation gives the long-name path from the volume root (with ":stream" for a named
     // stream). A class the volumes do not model fails through verifier::NotImplemented.
     virtual NTSTATUS QueryInformation(VolumeOpen& open, FILE_INFORMATION_CLASS infoClass, void* buffer,
@@ -99,7 +135,19 @@ public:
                                     ULONG length, const UNICODE_STRING* pattern, ULONG flags, ULONG fileIndex,
                                     ULONG* returned) = 0;
 
-    virtual NTSTATUS QueryEa(VolumeOpen& open, void* buffer, ULONG length, ULONG* returned) = 0;
+    // Extended attributes, as NtQueryEaFile asks for them: the FILE_FULL_EA_INFORMATION entries of the
+    // file (the names in upper case, each entry on a 4-byte boundary, the last one's NextEntryOffset
+    // 0), *returned the bytes through the end of the last entry. With an EA list (a chain of
+    // FILE_GET_EA_INFORMATION that the I/O manager has checked), the named EAs in the list's order,
+    // an EA the file lacks as an entry with no value, and the scan position left alone. Otherwise the
+    // scan continues from where the open's last query left it: from the start after SL_RESTART_SCAN,
+    // from the 1-based eaIndex with SL_INDEX_SPECIFIED (STATUS_NONEXISTENT_EA_ENTRY for an index of 0
+    // or past the end), STATUS_NO_MORE_EAS when it is at the end. SL_RETURN_SINGLE_ENTRY returns one
+    // entry. STATUS_NO_EAS_ON_FILE for a file without EAs, whatever the request; the entries that fit
+    // and STATUS_BUFFER_OVERFLOW when some but not all fit, STATUS_BUFFER_TOO_SMALL when not even the
+    // first does (the scan moves past what was returned).
+    virtual NTSTATUS QueryEa(VolumeOpen& open, const VolumeEaQuery& query, void* buffer, ULONG length,
+                             ULONG* returned) = 0;
     virtual NTSTATUS Flush(VolumeOpen& open) = 0;
 
     // Last handle closed: share access released; delete-on-close and delete disposition carried out.

@@ -48,16 +48,6 @@ private:
     HeapBuffer block_;
 };
 
-// The reply of REQUEST_DIRTY_BLOCK_MAP / REQUEST_DIRTY_BLOCK_COUNT.
-struct DirtyBlockMap {
-    bool trackingFailed = false;
-    std::vector<uint8_t> map;
-};
-struct DirtyBlockCount {
-    bool trackingFailed = false;
-    uint32_t count = 0;
-};
-
 class FilterConnection {
 public:
     explicit FilterConnection(const WCHAR* portName = FOLDERMERGE_PORT_NAME);
@@ -92,11 +82,7 @@ public:
     HRESULT SetConfiguration(const Configuration& configuration);
     HRESULT Send(const ConfigurationMessage& message);
     HRESULT SetTracingEnabled(bool enable);
-    // The map of the file at devicePath (\Device\HarddiskVolume2\Data\a.txt), read and cleared by
-    // the filter. mapCapacity bounds the map's length: a longer map fails with the filter's
-    // STATUS_BUFFER_TOO_SMALL, as HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER).
-    HRESULT RequestDirtyBlockMap(std::u16string_view devicePath, uint32_t mapCapacity, DirtyBlockMap* map);
-    HRESULT RequestDirtyBlockCount(std::u16string_view devicePath, bool reset, DirtyBlockCount* count);
+    // The dirty block queries are in dirtyblocks.hpp.
 
     // ---- requests, on the Thread port ----
     // Starts `workers` threads answering the filter's requests with handler. E_HANDLE when the
