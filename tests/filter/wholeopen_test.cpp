@@ -186,6 +186,32 @@ TEST_F(WholeOpen, TheRoadOfOneOpenAsksTheServiceInOrderAndEndsWithItsFileObject)
     EXPECT_EQ(atCleanup[0].sid, kAlice);
 }
 
+// Windows may run a post-callback at DISPATCH_LEVEL, in any thread; the verifier then stops a wait
+// for the service, paged pool or a name query. The cleanup's and the close's work waits for the
+// service and writes the map, and their pre-callbacks synchronize, so that it never runs there.
+TEST_F(WholeOpen, NoPostOperationWorkOfTheRoadRunsWherePostCallbacksMayRunAtDispatchLevel)
+{
+    service_.AddRule({.code = kDownload, .reply = {.locked = true, .trackDirtyBlocks = true}});
+    ASSERT_EQ(service_.Connect(), S_OK);
+    for (auto setting : {ntsim::PostOperationContext::DispatchLevel, ntsim::PostOperationContext::ArbitraryThread}) {
+        ntsim::ScopedPostOperationContext where(setting);
+        HANDLE handle = nullptr;
+        ASSERT_EQ(Open(u"\\??\\C:\\Data\\a.txt", FILE_GENERIC_WRITE,
+                       {.disposition = FILE_OVERWRITE_IF, .createOptions = FILE_SYNCHRONOUS_IO_NONALERT}, &handle)
+                      .status,
+                  STATUS_SUCCESS);
+        {
+            ntsim::AttachThread thread(alice_);
+            IO_STATUS_BLOCK ioStatus{};
+            char text[] = "new";
+            EXPECT_EQ(NtWriteFile(handle, nullptr, nullptr, nullptr, &ioStatus, text, 3, nullptr, nullptr),
+                      STATUS_SUCCESS);
+        }
+        Close(handle);
+        EXPECT_EQ(NewCodes(), (Codes{kDownload, kSignatureCode, kChanged, kUpload, kUnlock}));
+    }
+}
+
 TEST_F(WholeOpen, AFollowedOpenSharesEverythingThoughTheServiceHearsTheCallersSharing)
 {
     ASSERT_EQ(service_.Connect(), S_OK);
