@@ -1,10 +1,12 @@
 // A reporter for benchmark programs that print ratios of their cases within one run: it passes every
-// run on to the console and keeps, per benchmark, the times per iteration of its fastest repetition
-// ("min", with repetitions) or of its one run. Other work on the machine only ever adds time.
+// run on to the console and keeps, per benchmark, the least CPU and real times per iteration among
+// its repetitions (or the library's "min" aggregate where it makes one). Other work on the machine
+// only ever adds time.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
@@ -19,11 +21,17 @@ public:
             if (run.error_occurred) {
                 continue;
             }
-            const bool fastest = run.run_type == Run::RT_Aggregate && run.aggregate_name == "min";
-            if (fastest || run.run_type == Run::RT_Iteration) {
-                Figure& figure = figures_[run.run_name.str()];
-                if (fastest || !figure.fastest) {
-                    figure = {run.GetAdjustedCPUTime(), run.GetAdjustedRealTime(), fastest};
+            // The "min" aggregate where the library makes one; otherwise the fastest repetition.
+            const bool aggregate = run.run_type == Run::RT_Aggregate && run.aggregate_name == "min";
+            if (aggregate || run.run_type == Run::RT_Iteration) {
+                const Figure candidate{run.GetAdjustedCPUTime(), run.GetAdjustedRealTime(), aggregate};
+                auto [it, added] = figures_.try_emplace(run.run_name.str(), candidate);
+                Figure& figure = it->second;
+                if (!added && aggregate) {
+                    figure = candidate;
+                } else if (!added && !figure.aggregate) {
+                    figure.cpuTime = std::min(figure.cpuTime, candidate.cpuTime);
+                    figure.realTime = std::min(figure.realTime, candidate.realTime);
                 }
             }
         }
@@ -54,7 +62,7 @@ private:
     struct Figure {
         double cpuTime = 0;
         double realTime = 0;
-        bool fastest = false;
+        bool aggregate = false;
     };
     std::map<std::string, Figure> figures_;
 };
