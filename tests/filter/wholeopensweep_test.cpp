@@ -16,21 +16,21 @@
 //   - no file context or dirty block record is left, the pool is as it was, and the verifier
 //     reported nothing.
 #include "filter_fixture.hpp"
+#include "sweep_fixture.hpp"
 
 #include <foldermerge/service/responder.hpp>
 
 #include <ntsim/sim/faults.hpp>
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/process.hpp>
-#include <ntsim/sim/verifier.hpp>
 
 #include <cstdio>
 #include <mutex>
+#include <tuple>
 
 #include "context.h"
 #include "dirtyblocktracking.h"
 #include "servicerequests.h"
-#include "user.h"
 
 namespace foldermerge::testing {
 namespace {
@@ -54,23 +54,10 @@ ntsim::faults::PointSet FilterWork()
                          "FltGetVolumeInstanceFromName"}};
 }
 
-std::string PointName(const ntsim::faults::InjectedFailure& failure)
-{
-    return failure.tag != 0 ? "pool '" + ntsim::pool::TagText(failure.tag) + "'" : failure.routine;
-}
 
-// What the caller saw of one road: the open, the write if any, the close.
-struct CallerView {
-    OpenResult open;
-    NTSTATUS write = STATUS_SUCCESS;
-    NTSTATUS close = STATUS_SUCCESS;
-
-    bool operator==(const CallerView& other) const
-    {
-        return open.status == other.open.status && open.information == other.open.information &&
-               write == other.write && close == other.close;
-    }
-};
+// What the caller saw of one road: the open's status and information, the write's status if
+// any, the close's status.
+using CallerView = std::tuple<NTSTATUS, ULONG_PTR, NTSTATUS, NTSTATUS>;
 
 struct Road {
     std::string name;
@@ -144,77 +131,55 @@ protected:
             std::lock_guard lock(mutex_);
             received_.clear();
         }
-        CallerView view;
+        NTSTATUS written = STATUS_SUCCESS, closed = STATUS_SUCCESS;
+        OpenResult opened;
         {
             ntsim::AttachThread thread(alice_);
             HANDLE handle = nullptr;
-            view.open = OpenHandle(kPath, road.access, road.options, &handle);
-            if (NT_SUCCESS(view.open.status)) {
+            opened = OpenHandle(kPath, road.access, road.options, &handle);
+            if (NT_SUCCESS(opened.status)) {
                 if (road.write) {
                     IO_STATUS_BLOCK ioStatus{};
                     char text[sizeof(kWritten)];
                     std::memcpy(text, kWritten, sizeof(text));
                     LARGE_INTEGER offset{};
-                    view.write = NtWriteFile(handle, nullptr, nullptr, nullptr, &ioStatus, text,
+                    written = NtWriteFile(handle, nullptr, nullptr, nullptr, &ioStatus, text,
                                              static_cast<ULONG>(std::strlen(kWritten)), &offset, nullptr);
                 }
-                view.close = ZwClose(handle);
+                closed = ZwClose(handle);
             }
         }
         std::lock_guard lock(mutex_);
         *requests = received_;
-        return view;
+        return {opened.status, opened.information, written, closed};
     }
 
     // Runs the road failing its 1st, 2nd, ... point until a run injects nothing; the number of
     // points failed.
     size_t Sweep(const Road& road, const CallerView& expected, Persistence persistence)
     {
-        const char* kind = persistence == Persistence::Once ? "once" : "from there on";
         size_t points = 0;
         for (uint64_t n = 1;; n++) {
-            // No user records: each run's exclusion test misses its cache and asks the service.
-            ClearUserRecords();
-            const ntsim::pool::Usage filterPool = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
-            ntsim::pool::Checkpoint checkpoint;
-            std::vector<ntsim::verifier::BugCheckRecord> bugchecks;
-            std::vector<ntsim::faults::InjectedFailure> injected;
             Codes requests;
             CallerView seen;
-            {
-                ntsim::verifier::BugCheckCapture capture;
-                ntsim::faults::Reset();
-                ntsim::faults::FailNthPointOf(FilterWork(), n, STATUS_INSUFFICIENT_RESOURCES, persistence);
-                seen = Travel(road, &requests);
-                injected = ntsim::faults::Injected();
-                ntsim::faults::Reset();
-                bugchecks = capture.Take();
-            }
-            const std::string where = road.name + ", point " + std::to_string(n) +
-                                      (injected.empty() ? " (none left)" : " (" + PointName(injected[0]) + ")") +
-                                      " failed " + kind;
-
-            EXPECT_EQ(seen, expected) << where << ": the caller saw open 0x" << std::hex << seen.open.status
-                                      << ", write 0x" << seen.write << ", close 0x" << seen.close;
-            EXPECT_EQ(volume_->Content(kVolumePath), road.contentAfter) << where;
-            if (injected.empty()) {
-                EXPECT_EQ(requests, road.requests) << where;
-            } else {
-                points++;
-                EXPECT_TRUE(IsSubsequence(requests, road.requests)) << where << ": " << ::testing::PrintToString(requests);
-            }
-            EXPECT_EQ(g_ContextList, nullptr) << where;
-            EXPECT_EQ(g_DirtyBlockFileList, nullptr) << where;
-            ClearUserRecords();
-            std::vector<ntsim::pool::Allocation> leaks = checkpoint.Leaks();
-            EXPECT_TRUE(leaks.empty()) << where << ": left in pool\n" << ntsim::pool::FormatReport(leaks);
-            EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, filterPool.liveCount) << where;
-            for (const auto& record : bugchecks) {
-                ADD_FAILURE() << where << ": bugcheck " << record.rule << "\n" << record.detail;
-            }
+            const auto injected = RunWithNthPointFailed(
+                FilterWork(), n, persistence, road.name, [&] { seen = Travel(road, &requests); },
+                [&](const std::vector<ntsim::faults::InjectedFailure>& failed, const std::string& where) {
+                    EXPECT_EQ(seen, expected) << where;
+                    EXPECT_EQ(volume_->Content(kVolumePath), road.contentAfter) << where;
+                    if (failed.empty()) {
+                        EXPECT_EQ(requests, road.requests) << where;
+                    } else {
+                        EXPECT_TRUE(IsSubsequence(requests, road.requests))
+                            << where << ": " << ::testing::PrintToString(requests);
+                    }
+                    EXPECT_EQ(g_ContextList, nullptr) << where;
+                    EXPECT_EQ(g_DirtyBlockFileList, nullptr) << where;
+                });
             if (injected.empty() || ::testing::Test::HasFailure()) {
                 break;
             }
+            points++;
         }
         return points;
     }
@@ -252,7 +217,7 @@ TEST_F(WholeOpenSweep, EveryRoadOfAnOpenFailsOpenAtEachFailurePointOfTheFiltersW
     for (const Road& road : roads) {
         Codes requests;
         const CallerView expected = Travel(road, &requests);
-        ASSERT_TRUE(NT_SUCCESS(expected.open.status)) << road.name;
+        ASSERT_TRUE(NT_SUCCESS(std::get<0>(expected))) << road.name;
         ASSERT_EQ(requests, road.requests) << road.name;
 
         const size_t once = Sweep(road, expected, Persistence::Once);
