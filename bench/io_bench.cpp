@@ -29,13 +29,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "driver/lifecycle.h"
+#include "fastest_runs.hpp"
 #include "driver/ownedstring.h"
 #include "trace.h"
 
@@ -331,52 +331,9 @@ BENCHMARK_CAPTURE(BM_Write4KiB, PassThroughFilter, true);
 
 // ---- the ratios ----
 
-// Passes every run on to the console and keeps, per benchmark, the CPU time per iteration of its
-// fastest repetition ("min", with repetitions) or of its one run.
-class RatioCollector : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) {
-                continue;
-            }
-            const bool fastest = run.run_type == Run::RT_Aggregate && run.aggregate_name == "min";
-            if (fastest || run.run_type == Run::RT_Iteration) {
-                Figure& figure = figures_[run.run_name.str()];
-                if (fastest || !figure.fastest) {
-                    figure = {run.GetAdjustedCPUTime(), fastest};
-                }
-            }
-        }
-    }
-
-    std::optional<double> Time(const std::string& name) const
-    {
-        auto it = figures_.find(name);
-        return it == figures_.end() ? std::nullopt : std::optional<double>(it->second.time);
-    }
-    std::vector<std::string> Names() const
-    {
-        std::vector<std::string> names;
-        for (const auto& entry : figures_) {
-            names.push_back(entry.first);
-        }
-        return names;
-    }
-
-private:
-    struct Figure {
-        double time = 0;
-        bool fastest = false;
-    };
-    std::map<std::string, Figure> figures_;
-};
-
 // Prints every create + close against the open with no filter, and says whether FolderMerge's
 // outside-folder open stays within its limit. False only when it was measured and is over.
-bool ReportRatios(const RatioCollector& collector)
+bool ReportRatios(const FastestRuns& collector)
 {
     const std::optional<double> baseline = collector.Time("BM_CreateClose/NoFilter");
     if (!baseline || *baseline <= 0) {
@@ -414,7 +371,7 @@ int main(int argc, char** argv)
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
         return 1;
     }
-    RatioCollector collector;
+    FastestRuns collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
     benchmark::Shutdown();
     return ReportRatios(collector) ? 0 : 1;

@@ -54,6 +54,8 @@ typedef struct _FileContext {
     PUCHAR pDirectoryListing;         // the service's directory listing (paged pool), or null
     ULONG DirectoryListingLength;     // bytes of pDirectoryListing
     PUCHAR pNextListingEntry;         // next listing entry to hand out
+    ULONG DirectoryListingClass;      // FileInformationClass of pDirectoryListing's records
+    volatile LONG lListingInUse;      // 1 while a query's post-operation works on the listing
     UCHAR bCreatedForCcFlush;         // the record lives for one cache flush
     UCHAR bSignatureRequired;         // the upload must carry pstrSignatureName
     OwnedString* pstrSignatureName;   // name from the signature request, or null

@@ -37,6 +37,20 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreClose(PFLT_CALLBACK_DATA Data, P
 FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostClose(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                                        PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags);
 
+// ---- directory control ----
+// A query of a directory with a record: the pre-callback keeps the enumeration's first pattern, locks
+// the caller's buffer and hands the record to the post-callback (FLT_PREOP_SUCCESS_WITH_CALLBACK);
+// anything else, change notifications included, FLT_PREOP_SUCCESS_NO_CALLBACK. Once the file system
+// has nothing left, the post-callback appends the service's listing of the directory, where that is
+// safe (FltDoCompletionProcessingWhenSafe above APC_LEVEL); the outcome is in Data->IoStatus alone.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreDirectoryControl(PFLT_CALLBACK_DATA Data,
+                                                                PCFLT_RELATED_OBJECTS FltObjects,
+                                                                PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostDirectoryControl(PFLT_CALLBACK_DATA Data,
+                                                                  PCFLT_RELATED_OBJECTS FltObjects,
+                                                                  PVOID CompletionContext,
+                                                                  FLT_POST_OPERATION_FLAGS Flags);
+
 // ---- instances ----
 // STATUS_SUCCESS for NTFS volumes and the MUP device, STATUS_FLT_DO_NOT_ATTACH for anything else.
 NTSTATUS FLTAPI FolderMerge_InstanceSetup(PCFLT_RELATED_OBJECTS FltObjects, FLT_INSTANCE_SETUP_FLAGS Flags,

@@ -18,6 +18,10 @@ static const FLT_OPERATION_REGISTRATION g_OperationRegistration[] = {
      .Flags = 0,
      .PreOperation = FolderMerge_PreClose,
      .PostOperation = FolderMerge_PostClose},
+    {.MajorFunction = IRP_MJ_DIRECTORY_CONTROL,
+     .Flags = 0,
+     .PreOperation = FolderMerge_PreDirectoryControl,
+     .PostOperation = FolderMerge_PostDirectoryControl},
     {.MajorFunction = IRP_MJ_OPERATION_END},
 };
 

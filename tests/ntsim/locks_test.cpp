@@ -323,3 +323,31 @@ TEST(SpinLock, MisuseIsReported)
 }
 
 }  // namespace
+
+TEST(Interlocked, CompareExchangeSwapsOnlyOnAMatchAndClaimsAFlagForOneThreadAtATime)
+{
+    volatile LONG value = 0;
+    EXPECT_EQ(InterlockedCompareExchange(&value, 1, 5), 0);
+    EXPECT_EQ(value, 0) << "no match, no change";
+    EXPECT_EQ(InterlockedCompareExchange(&value, 1, 0), 0);
+    EXPECT_EQ(InterlockedExchange(&value, 7), 1);
+    EXPECT_EQ(value, 7);
+
+    volatile LONG flag = 0;
+    long owners = 0;  // changed only by the flag's owner
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 2000;) {
+                if (InterlockedCompareExchange(&flag, 1, 0) == 0) {
+                    owners++, round++;
+                    InterlockedExchange(&flag, 0);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(owners, 8000);
+}

@@ -27,6 +27,19 @@ NTKERNELAPI VOID NTAPI NtsimCheckPagedCode(PCSTR Function);
 #define PAGED_CODE() NtsimCheckPagedCode(__func__)
 #define PAGED_CODE_LOCKED() ((void)0)
 
+// ---- interlocked operations (compiler intrinsics on Windows; full barriers) ----
+// Sets *Destination to Exchange when it equals Comparand; the value it had before, either way.
+inline LONG InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand)
+{
+    __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return Comparand;
+}
+// Sets *Target to Value; the value it had before.
+inline LONG InterlockedExchange(LONG volatile* Target, LONG Value)
+{
+    return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
+}
+
 // ---- spin locks ----
 typedef ULONG_PTR KSPIN_LOCK, *PKSPIN_LOCK;
 
