@@ -1,9 +1,8 @@
-// IRP_MJ_QUERY_INFORMATION, IRP_MJ_SET_INFORMATION and IRP_MJ_NETWORK_QUERY_OPEN.
+// IRP_MJ_QUERY_INFORMATION and IRP_MJ_NETWORK_QUERY_OPEN.
 //
-// Queries on followed files are answered with the service's view, stream listings lose the
-// system's streams, and renames and deletions in merge folders reach the service. All of this works
-// on file objects with a record in the context table, or asks the service; until those are kept,
-// every query and change passes.
+// Queries on followed files are answered with the service's view, and stream listings lose the
+// system's streams. All of this works on file objects with a record in the context table, or asks
+// the service; until those are kept, every query passes.
 #include "operations.h"
 
 FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreQueryInformation(PFLT_CALLBACK_DATA Data,
@@ -40,28 +39,4 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreNetworkQueryInformation(PFLT_CAL
     UNREFERENCED_PARAMETER(FltObjects);
     UNREFERENCED_PARAMETER(CompletionContext);
     return FLT_PREOP_SUCCESS_NO_CALLBACK;
-}
-
-FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreSetInformation(PFLT_CALLBACK_DATA Data,
-                                                              PCFLT_RELATED_OBJECTS FltObjects,
-                                                              PVOID* CompletionContext)
-{
-    // Renames, deletions and size changes reach the service once service requests are sent.
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    return FLT_PREOP_SUCCESS_NO_CALLBACK;
-}
-
-FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostSetInformation(PFLT_CALLBACK_DATA Data,
-                                                                PCFLT_RELATED_OBJECTS FltObjects,
-                                                                PVOID CompletionContext,
-                                                                FLT_POST_OPERATION_FLAGS Flags)
-{
-    // Reached only for a followed change, of which there is none yet.
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    UNREFERENCED_PARAMETER(Flags);
-    return FLT_POSTOP_FINISHED_PROCESSING;
 }
