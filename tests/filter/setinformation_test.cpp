@@ -288,7 +288,8 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderCompletingAtDispatchLevelStil
     Close(synced);
 }
 
-TEST_F(SetInformationTest, RelativeRenameTargetPassesUnseen)
+// A relative target names no volume, and the Ex forms of rename and disposition aren't followed.
+TEST_F(SetInformationTest, RelativeTargetsAndExFormsPassUnseen)
 {
     volume_->SeedFile(u"\\Data\\rel.txt", "content");
     Serve();
@@ -296,9 +297,17 @@ TEST_F(SetInformationTest, RelativeRenameTargetPassesUnseen)
     FileContext* pContext = Follow(file, u"\\Data\\rel.txt");
     const size_t mark = Mark();
     ASSERT_EQ(Rename(file, u"renamed.txt"), STATUS_SUCCESS);
-    EXPECT_TRUE(StepsSince(mark).empty());
     EXPECT_TRUE(volume_->Exists(u"\\Data\\renamed.txt"));
+
+    std::vector<UCHAR> ex = RenameRecord(u"\\??\\C:\\Data\\Docs\\ex.txt", false);
+    ASSERT_EQ(SetInformation(file, FileRenameInformationEx, ex), STATUS_SUCCESS);
+    EXPECT_TRUE(volume_->Exists(u"\\Data\\Docs\\ex.txt"));
+    ASSERT_EQ(Set(file, FileDispositionInformationEx, FILE_DISPOSITION_INFORMATION_EX{FILE_DISPOSITION_DELETE}),
+              STATUS_SUCCESS);
+
+    EXPECT_TRUE(StepsSince(mark).empty());
     EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrPath), Text(OnVolume(u"\\Data\\rel.txt")));
+    EXPECT_EQ(pContext->OnClose, 0u);
     Close(file);
 }
 
