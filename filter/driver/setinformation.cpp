@@ -67,11 +67,11 @@ bool IsRecycleBinPath(PCUNICODE_STRING pPath)
     return false;
 }
 
-// Ends the operation with ulStatus: the file system never sees it. Returns FLT_PREOP_COMPLETE.
+// Ends the operation with Status: the file system never sees it. Returns FLT_PREOP_COMPLETE.
 // IRQL: any.
-static FLT_PREOP_CALLBACK_STATUS RefuseSetInformation(PFLT_CALLBACK_DATA Data, NTSTATUS ulStatus)
+static FLT_PREOP_CALLBACK_STATUS RefuseSetInformation(PFLT_CALLBACK_DATA Data, NTSTATUS Status)
 {
-    Data->IoStatus.Status = ulStatus;
+    Data->IoStatus.Status = Status;
     Data->IoStatus.Information = 0;
     return FLT_PREOP_COMPLETE;
 }

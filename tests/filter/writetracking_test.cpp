@@ -107,8 +107,10 @@ TEST_F(WriteTrackingTest, ANoticeThatTimedOutStillHoldsTheThrottle)
     Close(file);
 }
 
+// The post-write may run at DISPATCH_LEVEL in another thread: it marks there all the same.
 TEST_F(WriteTrackingTest, SuccessfulWritesMarkUploadAndTheRequestedBlocks)
 {
+    ntsim::ScopedPostOperationContext dispatch(ntsim::PostOperationContext::ArbitraryThread);
     volume_->SeedFile(kFile, std::string(20000, 'x'));
     Serve();
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
