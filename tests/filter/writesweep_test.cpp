@@ -58,6 +58,12 @@ NTSTATUS Rename(HANDLE handle, std::u16string_view target)
     return SetInformation(handle, FileRenameInformation, buffer.data(), buffer.size());
 }
 
+NTSTATUS SetDeleteDisposition(HANDLE handle)
+{
+    FILE_DISPOSITION_INFORMATION disposition{TRUE};
+    return SetInformation(handle, FileDispositionInformation, &disposition, sizeof(disposition));
+}
+
 struct Scenario {
     std::string name;
     std::vector<std::u16string> files;        // seeded before each run, removed after it
@@ -120,10 +126,7 @@ protected:
             {.name = "delete disposition of a file",
              .files = {u"\\Data\\d.txt"},
              .prepare = followed(u"\\Data\\d.txt", false, true),
-             .operate = [](HANDLE handle) {
-                 FILE_DISPOSITION_INFORMATION disposition{TRUE};
-                 return SetInformation(handle, FileDispositionInformation, &disposition, sizeof(disposition));
-             },
+             .operate = SetDeleteDisposition,
              .accepted = {STATUS_SUCCESS}},
             {.name = "delete disposition of a directory",
              .directory = u"\\Data\\Dir",
@@ -133,10 +136,7 @@ protected:
                  Follow(handle, u"\\Data\\Dir", kAlice, true);
                  return handle;
              },
-             .operate = [](HANDLE handle) {
-                 FILE_DISPOSITION_INFORMATION disposition{TRUE};
-                 return SetInformation(handle, FileDispositionInformation, &disposition, sizeof(disposition));
-             },
+             .operate = SetDeleteDisposition,
              .accepted = {STATUS_SUCCESS}},
             {.name = "end of file of a tracked file",
              .files = {u"\\Data\\e.txt"},
