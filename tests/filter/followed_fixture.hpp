@@ -1,5 +1,5 @@
 // The loaded FolderMerge on C: with a scripted service on its Thread port, Alice's merge folders,
-// and files followed as an open follows them: the file object's record in the context table.
+// and helpers for the records that opens make of the files they follow.
 #pragma once
 
 #include "instance_fixture.hpp"
@@ -90,33 +90,20 @@ protected:
         return fileObject;
     }
 
-    // The file object's valid record: the one its open made, or, where the open made none, one made
-    // here as an open of managed content makes it (the path, the SID, bDirectory).
-    FileContext* Follow(HANDLE handle, std::u16string_view volumePath, std::u16string_view sid = kAlice,
-                        bool directory = false)
+    // The file object's valid record, made by its open.
+    static FileContext* Follow(HANDLE handle)
     {
-        PFILE_OBJECT fileObject = FileObjectOf(handle);
-        FileContext* pContext = FindContextByFileObject(fileObject, FALSE);
-        if (pContext == nullptr) {
-            ntsim::UnicodeStringHolder path(OnVolume(volumePath));
-            ntsim::UnicodeStringHolder sidText(sid);
-            EXPECT_EQ(CreateContext(fileObject, path.get(), sidText.get(), &pContext), STATUS_SUCCESS);
-            pContext->bDirectory = directory ? 1 : 0;
-            EXPECT_TRUE(AddContextToContextTable(pContext));
-        }
+        FileContext* pContext = FindContextByFileObject(FileObjectOf(handle), FALSE);
+        EXPECT_NE(pContext, nullptr) << "the open made no record";
         return pContext;
     }
 
-    // Gives the record the file's tracked dirty block record, as an open the service tracks has it,
-    // with its map clear, as the service leaves it once it has taken the map.
-    TrackedDirtyBlockFile* Track(FileContext* pContext)
+    // The tracked dirty block record that the open took for the record when the service asked for
+    // tracking, with its map clear, as the service leaves it once it has taken the map.
+    static TrackedDirtyBlockFile* Track(FileContext* pContext)
     {
-        if (pContext->pTrackedDirtyBlockFile == nullptr) {
-            EXPECT_EQ(GetTrackedDirtyBlockRecord(g_ServiceData.FilterHandle, instance_, pContext->pstrPath,
-                                                 &pContext->pTrackedDirtyBlockFile),
-                      STATUS_SUCCESS);
-        }
         TrackedDirtyBlockFile* pRecord = pContext->pTrackedDirtyBlockFile;
+        EXPECT_NE(pRecord, nullptr) << "the open isn't tracked";
         if (pRecord != nullptr) {
             std::fill(pRecord->map, pRecord->map + pRecord->mapLen, 0);
             pRecord->dirtyBlockCount = 0;
@@ -125,15 +112,19 @@ protected:
         return pRecord;
     }
 
-    // Closes the handle; the records of its file object go with it, as its close takes them.
-    void Close(HANDLE handle)
+    // The service's answer to the open of a file that it tracks.
+    static ResponderRule Tracked(std::u16string_view volumePath)
+    {
+        return {.code = SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED, .path = OnVolume(volumePath),
+                .reply = {.trackDirtyBlocks = true}};
+    }
+
+    // Closes the handle; its close frees the file object's records.
+    static void Close(HANDLE handle)
     {
         PFILE_OBJECT fileObject = FileObjectOf(handle);
         EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-        while (FileContext* pContext = FindContextByFileObject(fileObject, TRUE)) {
-            RemoveContextFromContextTable(pContext);
-            DeleteContext(pContext);
-        }
+        EXPECT_EQ(FindContextByFileObject(fileObject, TRUE), nullptr) << "a record outlived its close";
     }
 
     // The codes of the requests the service took since the first `from`.

@@ -59,7 +59,7 @@ TEST_F(WriteTrackingTest, FirstWriteNotifiesAndNextNoticeComesOnlyPastOneSecond)
     volume_->SeedFile(kFile, "content");
     Serve();
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file, kFile);
+    FileContext* pContext = Follow(file);
     const size_t mark = Mark();
 
     ASSERT_EQ(Write(file, "a", 0), STATUS_SUCCESS);
@@ -89,7 +89,7 @@ TEST_F(WriteTrackingTest, ANoticeThatTimedOutStillHoldsTheThrottle)
     volume_->SeedFile(kFile, "content");
     Serve({{.code = SERVICE_REQUEST_OBJECT_WRITE_NOTIFY, .action = ResponderAction::NoAnswer, .uses = 1}});
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file, kFile);
+    FileContext* pContext = Follow(file);
     const size_t mark = Mark();
     const LONGLONG before = ntsim::clock::Now();
 
@@ -112,9 +112,9 @@ TEST_F(WriteTrackingTest, SuccessfulWritesMarkUploadAndTheRequestedBlocks)
 {
     ntsim::ScopedPostOperationContext dispatch(ntsim::PostOperationContext::ArbitraryThread);
     volume_->SeedFile(kFile, std::string(20000, 'x'));
-    Serve();
+    Serve({Tracked(kFile)});
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file, kFile);
+    FileContext* pContext = Follow(file);
     TrackedDirtyBlockFile* pRecord = Track(pContext);
     const ULONG countBefore = pRecord->dirtyBlockCount;
     const std::vector<uint8_t> mapBefore(pRecord->map, pRecord->map + pRecord->mapLen);
@@ -138,10 +138,12 @@ TEST_F(WriteTrackingTest, SuccessfulWritesMarkUploadAndTheRequestedBlocks)
 TEST_F(WriteTrackingTest, FirstWriteCancelsTheHeldBackUploadOnceAndMarksTheSignature)
 {
     volume_->SeedFile(kFile, "content");
-    Serve();
+    Serve({{.code = SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED, .reply = {.uploadCancelled = true}},
+           {.code = SERVICE_REQUEST_OBJECT_SIGNATURE, .reply = {.status = static_cast<int32_t>(STATUS_UNSUCCESSFUL)}}});
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file, kFile);
-    pContext->bUploadCancelled = 1;
+    FileContext* pContext = Follow(file);
+    ASSERT_EQ(pContext->bUploadCancelled, 1) << "the open kept the service's flag";
+    ASSERT_EQ(pContext->pstrSignatureName, nullptr) << "the open was given no signature";
     const size_t mark = Mark();
 
     // No signature name: the mark stays as it is.
@@ -151,9 +153,7 @@ TEST_F(WriteTrackingTest, FirstWriteCancelsTheHeldBackUploadOnceAndMarksTheSigna
     EXPECT_EQ(pContext->bUploadCancelled, 0);
     EXPECT_EQ(pContext->bSignatureRequired, 0);
 
-    if (pContext->pstrSignatureName == nullptr) {
-        pContext->pstrSignatureName = CreateUnicodeStringFromText(L"sig-7");
-    }
+    pContext->pstrSignatureName = CreateUnicodeStringFromText(L"sig-7");
     ntsim::clock::Advance(2 * kOneSecond);
     ASSERT_EQ(Write(file, "b", 1), STATUS_SUCCESS);
     EXPECT_EQ(CodesSince(mark),
@@ -168,7 +168,7 @@ TEST_F(WriteTrackingTest, FirstWriteCancelsTheHeldBackUploadOnceAndMarksTheSigna
 TEST_F(WriteTrackingTest, FailedWriteNotifiesButMarksNothing)
 {
     volume_->SeedFile(kFile, "content");
-    Serve();
+    Serve({Tracked(kFile)});
     LoadLowerFilter();
     iotest::FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
         if (data->Iopb->MajorFunction != IRP_MJ_WRITE) {
@@ -179,7 +179,7 @@ TEST_F(WriteTrackingTest, FailedWriteNotifiesButMarksNothing)
         return FLT_PREOP_COMPLETE;
     };
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file, kFile);
+    FileContext* pContext = Follow(file);
     TrackedDirtyBlockFile* pRecord = Track(pContext);
     const std::vector<uint8_t> mapBefore(pRecord->map, pRecord->map + pRecord->mapLen);
     const size_t mark = Mark();
@@ -196,10 +196,13 @@ TEST_F(WriteTrackingTest, FailedWriteNotifiesButMarksNothing)
 TEST_F(WriteTrackingTest, NonCachedAndPagingWritesAreNotFollowed)
 {
     volume_->SeedFile(kFile, std::string(3 * 4096, 'x'));
-    Serve();
+    Serve({Tracked(kFile)});
     HANDLE direct = Open(kFile, FILE_GENERIC_WRITE, FILE_SYNCHRONOUS_IO_NONALERT | FILE_NO_INTERMEDIATE_BUFFERING);
-    FileContext* pDirect = Follow(direct, kFile);
+    FileContext* pDirect = Follow(direct);
     TrackedDirtyBlockFile* pRecord = Track(pDirect);
+    HANDLE cached = Open(kFile, FILE_GENERIC_WRITE);
+    FileContext* pCached = Follow(cached);
+    ASSERT_EQ(Track(pCached), pRecord);
     const size_t mark = Mark();
 
     ASSERT_EQ(Write(direct, std::string(512, 'd'), 4096), STATUS_SUCCESS);
@@ -210,9 +213,6 @@ TEST_F(WriteTrackingTest, NonCachedAndPagingWritesAreNotFollowed)
 
     // A cached write at 100 marks block 0; its page's write-back, 4096 bytes from 0, would mark
     // block 1 as well.
-    HANDLE cached = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pCached = Follow(cached, kFile);
-    ASSERT_EQ(Track(pCached), pRecord);
     ASSERT_EQ(Write(cached, "cached", 100), STATUS_SUCCESS);
     ASSERT_EQ(ntsim::IoLazyWrite(FileObjectOf(cached)), STATUS_SUCCESS);
     EXPECT_EQ(CodesSince(mark), std::vector<uint32_t>{SERVICE_REQUEST_OBJECT_WRITE_NOTIFY});
@@ -266,7 +266,7 @@ TEST_F(WriteTrackingTest, FastWriteIsRefusedOnlyForAFollowedFile)
     Serve();
     LoadLowerFilter();
     HANDLE followed = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(followed, kFile);
+    FileContext* pContext = Follow(followed);
     HANDLE free = Open(u"\\Outside\\free.txt", FILE_GENERIC_WRITE);
     const size_t mark = Mark();
     ULONG written = 0;
@@ -294,7 +294,7 @@ TEST_F(WriteTrackingTest, FastWriteIsRefusedOnlyForAFollowedFile)
 TEST_F(WriteTrackingTest, PassThroughBetweenPreAndPostLeavesTheWriteUnmarked)
 {
     volume_->SeedFile(kFile, "content");
-    Serve();
+    Serve({Tracked(kFile)});
     LoadLowerFilter();
     iotest::FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
         if (data->Iopb->MajorFunction == IRP_MJ_WRITE) {
@@ -303,7 +303,7 @@ TEST_F(WriteTrackingTest, PassThroughBetweenPreAndPostLeavesTheWriteUnmarked)
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     };
     HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file, kFile);
+    FileContext* pContext = Follow(file);
     TrackedDirtyBlockFile* pRecord = Track(pContext);
     const std::vector<uint8_t> mapBefore(pRecord->map, pRecord->map + pRecord->mapLen);
 
