@@ -35,9 +35,6 @@
 // A rename's destination must be shorter than this, in bytes (the lowest bit of the length aside).
 #define RENAME_DESTINATION_LIMIT_BYTES 520
 
-// Room for the process image name of the blacklist test.
-#define PROCESS_IMAGE_NAME_CAPACITY 260
-
 static const UNICODE_STRING g_RecycleBinComponent = RTL_CONSTANT_STRING(L"\\$Recycle.Bin\\");
 
 bool IsRecycleBinPath(PCUNICODE_STRING pPath)
