@@ -53,6 +53,9 @@ protected:
 
     void TearDown() override
     {
+        // Every handle of the test is closed: no record may be left.
+        EXPECT_EQ(g_ContextList, nullptr);
+        EXPECT_EQ(g_DirtyBlockFileList, nullptr);
         thread_.reset();
         service_.Disconnect();
         LoadedFilterOnVolume::TearDown();
