@@ -50,9 +50,6 @@ bool IsRecycleBinPath(PCUNICODE_STRING pPath)
             continue;
         }
         ulBackslashes++;
-        if (ulBackslashes == 4) {
-            break;
-        }
         if (ulBackslashes == 3) {
             UNICODE_STRING Remainder;
             Remainder.Buffer = pPath->Buffer + usIndex;

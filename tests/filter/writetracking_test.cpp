@@ -290,29 +290,5 @@ TEST_F(WriteTrackingTest, FastWriteIsRefusedOnlyForAFollowedFile)
     Close(followed);
 }
 
-// Pass-through mode that begins between the two callbacks: the write completes with no mark made.
-TEST_F(WriteTrackingTest, PassThroughBetweenPreAndPostLeavesTheWriteUnmarked)
-{
-    volume_->SeedFile(kFile, "content");
-    Serve({Tracked(kFile)});
-    LoadLowerFilter();
-    iotest::FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        if (data->Iopb->MajorFunction == IRP_MJ_WRITE) {
-            g_PassThrough = 1;
-        }
-        return FLT_PREOP_SUCCESS_NO_CALLBACK;
-    };
-    HANDLE file = Open(kFile, FILE_GENERIC_WRITE);
-    FileContext* pContext = Follow(file);
-    TrackedDirtyBlockFile* pRecord = Track(pContext);
-    const std::vector<uint8_t> mapBefore(pRecord->map, pRecord->map + pRecord->mapLen);
-
-    EXPECT_EQ(Write(file, "a", 8192), STATUS_SUCCESS);
-    g_PassThrough = 0;
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_UPLOAD, 0u);
-    EXPECT_EQ(std::vector<uint8_t>(pRecord->map, pRecord->map + pRecord->mapLen), mapBefore);
-    Close(file);
-}
-
 }  // namespace
 }  // namespace foldermerge::testing
