@@ -22,9 +22,6 @@
 static const UNICODE_STRING g_DummyFileText =
     RTL_CONSTANT_STRING(L"vm_redirected_a2210125-0016-41ce-b6e7-495eee531977");
 
-// Room for the process image name of the blacklist test.
-#define PROCESS_IMAGE_NAME_CAPACITY 260
-
 // \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
 static const UNICODE_STRING g_MupPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\");
 static const UNICODE_STRING g_MupLoopbackPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\127.0.0.1\\");

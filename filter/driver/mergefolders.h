@@ -49,6 +49,9 @@ NTSTATUS GetVolumeInstanceForPath(PFLT_FILTER pFilter, PCUNICODE_STRING pPath, P
 // IRQL: <= APC_LEVEL; takes g_ConfigLock.
 bool IsProcessBlacklisted(PCUNICODE_STRING pImagePath);
 
+// Room for the process image name of the blacklist test, in bytes.
+#define PROCESS_IMAGE_NAME_CAPACITY 260
+
 // The current process's image file name, device form, into pstrImageName (its capacity decides).
 // A name that does not fit gives STATUS_BUFFER_OVERFLOW and leaves the string as it was (Length
 // unchanged), so that no caller reads a length its buffer doesn't hold. The size query's own

@@ -2,8 +2,9 @@
 //
 // Every pre-operation callback runs in the caller's thread at or below APC_LEVEL. A post-operation
 // callback may run at DISPATCH_LEVEL in any thread, unless its pre-callback synchronized; the
-// post-create runs at PASSIVE_LEVEL in the thread of the open, and the post-callbacks of cleanup
-// and close there too, since their pre-callbacks synchronize.
+// post-create runs at PASSIVE_LEVEL in the thread of the open, and the post-callbacks of cleanup,
+// close and set information (but one, which says so) there too, since their pre-callbacks
+// synchronize.
 #pragma once
 
 #include <fltKernel.h>
@@ -50,6 +51,32 @@ FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostDirectoryControl(PFLT_CALLBACK
                                                                   PCFLT_RELATED_OBJECTS FltObjects,
                                                                   PVOID CompletionContext,
                                                                   FLT_POST_OPERATION_FLAGS Flags);
+
+// ---- write ----
+// A caller's cached write to a followed file: the pre-callback refuses its fast form
+// (FLT_PREOP_DISALLOW_FASTIO), cancels a held-back upload, notifies the service at most once a
+// second and marks the signature, then hands the record on (FLT_PREOP_SUCCESS_WITH_CALLBACK); every
+// other write gets FLT_PREOP_SUCCESS_NO_CALLBACK. The post-callback, at up to DISPATCH_LEVEL, marks a
+// successful write for upload and its range dirty. Always FLT_POSTOP_FINISHED_PROCESSING.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreWrite(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                     PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostWrite(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                       PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags);
+
+// ---- set information ----
+// Renames, links, dispositions, size and basic information of followed files, and renames and links
+// into managed folders of files that aren't followed: the pre-callback refuses (FLT_PREOP_COMPLETE)
+// or asks the service what it must know first and hands the record on (FLT_PREOP_SYNCHRONIZE; for
+// a record made for a rename into a managed folder, FLT_PREOP_SUCCESS_WITH_CALLBACK). The
+// post-callback tells the service and sets what cleanup must do; it moves the unsynchronized
+// rename's work to PASSIVE_LEVEL.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreSetInformation(PFLT_CALLBACK_DATA Data,
+                                                              PCFLT_RELATED_OBJECTS FltObjects,
+                                                              PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostSetInformation(PFLT_CALLBACK_DATA Data,
+                                                                PCFLT_RELATED_OBJECTS FltObjects,
+                                                                PVOID CompletionContext,
+                                                                FLT_POST_OPERATION_FLAGS Flags);
 
 // ---- instances ----
 // STATUS_SUCCESS for NTFS volumes and the MUP device, STATUS_FLT_DO_NOT_ATTACH for anything else.

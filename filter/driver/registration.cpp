@@ -22,6 +22,14 @@ static const FLT_OPERATION_REGISTRATION g_OperationRegistration[] = {
      .Flags = 0,
      .PreOperation = FolderMerge_PreDirectoryControl,
      .PostOperation = FolderMerge_PostDirectoryControl},
+    {.MajorFunction = IRP_MJ_WRITE,
+     .Flags = 0,
+     .PreOperation = FolderMerge_PreWrite,
+     .PostOperation = FolderMerge_PostWrite},
+    {.MajorFunction = IRP_MJ_SET_INFORMATION,
+     .Flags = 0,
+     .PreOperation = FolderMerge_PreSetInformation,
+     .PostOperation = FolderMerge_PostSetInformation},
     {.MajorFunction = IRP_MJ_OPERATION_END},
 };
 

@@ -201,7 +201,8 @@ void ShowRoadOfOneOpen(std::ostream& out, Expectations& expect, const RoadSubjec
     expect.Line("  ", "codes received (open | cleanup): ", columns.codes(),
                 std::to_string(SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED) + " " +
                     std::to_string(SERVICE_REQUEST_OBJECT_SIGNATURE) + " " +
-                    std::to_string(SERVICE_REQUEST_OBJECT_CHANGED) + " | " +
+                    std::to_string(SERVICE_REQUEST_OBJECT_CHANGED) + " " +
+                    std::to_string(SERVICE_REQUEST_OBJECT_WRITE_NOTIFY) + " | " +
                     std::to_string(SERVICE_REQUEST_OBJECT_UPLOAD_IF_REQUIRED) + " " +
                     std::to_string(SERVICE_REQUEST_OBJECT_IS_LOCKED));
     expect.Line("  ", "file contexts left: ", g_ContextList == nullptr ? "none" : "some", "none");
