@@ -8,11 +8,13 @@
 #include "create.h"
 
 #include "exclusions.h"
+#include "fileaccess.h"
 #include "globals.h"
 #include "identity.h"
 #include "mergefolders.h"
 #include "operations.h"
 #include "ownedstring.h"
+#include "redirection.h"
 #include "trace.h"
 
 // The name that the service gives the dummy files to which attribute-only opens are sent.
@@ -50,6 +52,10 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     OwnedString* pstrOwnerSid = nullptr;
     UCHAR bReadOnly = 0;
     UCHAR bForeignUserAccess = 0;
+    OwnedString* pstrTemporaryFile = nullptr;
+    FILE_BASIC_INFORMATION basicInformation;
+    FILE_STANDARD_INFORMATION standardInformation;
+    UCHAR bMarkerStreamPresent = 0;
     NTSTATUS status;
     PIO_SECURITY_CONTEXT pSecurityContext = Data->Iopb->Parameters.Create.SecurityContext;
     ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
@@ -146,8 +152,17 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     // From here on the open is a request for managed content.
     TRACE_INFO("Normalized requested Path is [%wZ] and the user SID is [%wZ]", pstrPath, pstrSid);
 
-    // The file's state on disk, and the redirection of attribute-only opens to a dummy
-    // file, come with the service requests.
+    // What the disk holds for the path. A file that can't be read stays unknown.
+    (VOID) GetFileInformation(pstrPath, FltObjects->Filter, Data->Iopb->TargetInstance, &basicInformation,
+                              &standardInformation, &bMarkerStreamPresent);
+
+    // An open for attributes alone may be sent to a dummy file; at the dummy it goes on as the open
+    // of the real file.
+    if (IsAttributeOnlyOpen(DesiredAccess, &basicInformation) &&
+        RedirectAttributeOnlyOpen(Data, FltObjects, pstrSid, &pstrPath, &basicInformation, &standardInformation,
+                                  &pstrTemporaryFile, &callbackStatus) == RedirectionEnded) {
+        goto Exit;
+    }
 
     // A merge folder's own path, marked read-only, can't be opened for writing.
     if (bReadOnly && (DesiredAccess & ACCESS_WRITING) != 0) {
@@ -176,12 +191,14 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     // An open to follow. Its download request, signature and file context come with the service
     // requests and the context table; until then the open goes on untouched, its class decided.
     UNREFERENCED_PARAMETER(bForeignUserAccess);
+    UNREFERENCED_PARAMETER(bMarkerStreamPresent);
 
 Exit:
     FreeUnicodeString(&pstrPath);
     FreeUnicodeString(&pstrSid);
     FreeUnicodeString(&pstrImageName);
     FreeUnicodeString(&pstrOwnerSid);
+    FreeUnicodeString(&pstrTemporaryFile);
     return callbackStatus;
 }
 
