@@ -33,6 +33,7 @@
 namespace {
 
 using foldermerge::fuzzing::Fail;
+using foldermerge::fuzzing::Take;
 
 constexpr uint8_t kNoStream = 0x01;
 constexpr uint8_t kDeleteFails = 0x02;
@@ -69,17 +70,6 @@ Loaded& LoadOnce()
     FltObjectDereference(loaded->instance);  // it lives as long as the filter is attached
     loaded->pool = std::make_unique<foldermerge::fuzzing::PoolAtRest>();
     return *loaded;
-}
-
-template <typename T>
-T Take(const uint8_t*& data, size_t& size)
-{
-    T value{};
-    const size_t taken = std::min(sizeof(T), size);
-    std::memcpy(&value, data, taken);
-    data += taken;
-    size -= taken;
-    return value;
 }
 
 }  // namespace

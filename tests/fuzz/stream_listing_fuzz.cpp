@@ -39,6 +39,7 @@
 namespace {
 
 using foldermerge::fuzzing::Fail;
+using foldermerge::fuzzing::Take;
 
 constexpr uint8_t kOverflow = 0x01;
 constexpr uint8_t kShortInformation = 0x02;
@@ -61,17 +62,6 @@ void Check(bool condition, const char* what)
     if (!condition) {
         Fail(what);
     }
-}
-
-template <typename T>
-T Take(const uint8_t*& data, size_t& size)
-{
-    T value{};
-    const size_t taken = std::min(sizeof(T), size);
-    std::memcpy(&value, data, taken);
-    data += taken;
-    size -= taken;
-    return value;
 }
 
 template <typename T>
