@@ -2,9 +2,11 @@
 //
 // An open ends in one of these ways: it is left alone (the file system serves it and no later
 // callback of its file object finds a record), it is refused (a write to a read-only merge folder,
-// the deletion of a merge folder), or it is one of managed content, of the caller's own merge
-// folder or, with local content only, of another user's. Any failure of the filter's own work passes
-// the open: the filter fails open.
+// the deletion of a merge folder, or by the service), or it is one of managed content, of the
+// caller's own merge folder or, with local content only, of another user's: the service brings the
+// content (managedopen.cpp) and a record follows the file object, which the post-create keeps or
+// drops by the open's result (postcreate.cpp). Any failure of the filter's own work passes the
+// open: the filter fails open.
 #include "create.h"
 
 #include "exclusions.h"
@@ -43,8 +45,6 @@ static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
 FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                                       PVOID* CompletionContext)
 {
-    UNREFERENCED_PARAMETER(CompletionContext);
-
     FLT_PREOP_CALLBACK_STATUS callbackStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
     OwnedString* pstrPath = nullptr;
     OwnedString* pstrSid = nullptr;
@@ -152,7 +152,8 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     // From here on the open is a request for managed content.
     TRACE_INFO("Normalized requested Path is [%wZ] and the user SID is [%wZ]", pstrPath, pstrSid);
 
-    // What the disk holds for the path. A file that can't be read stays unknown.
+    // What the disk holds for the path, for the service. A file that can't be read stays unknown:
+    // the status isn't looked at.
     (VOID) GetFileInformation(pstrPath, FltObjects->Filter, Data->Iopb->TargetInstance, &basicInformation,
                               &standardInformation, &bMarkerStreamPresent);
 
@@ -188,10 +189,10 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         goto Exit;
     }
 
-    // An open to follow. Its download request, signature and file context come with the service
-    // requests and the context table; until then the open goes on untouched, its class decided.
-    UNREFERENCED_PARAMETER(bForeignUserAccess);
-    UNREFERENCED_PARAMETER(bMarkerStreamPresent);
+    // An open to follow: the service brings the content, and a record follows the file object.
+    callbackStatus = FollowManagedOpen(Data, FltObjects, pstrPath, pstrSid, bForeignUserAccess, &basicInformation,
+                                       &standardInformation, bMarkerStreamPresent, &pstrTemporaryFile,
+                                       CompletionContext);
 
 Exit:
     FreeUnicodeString(&pstrPath);
@@ -200,15 +201,4 @@ Exit:
     FreeUnicodeString(&pstrOwnerSid);
     FreeUnicodeString(&pstrTemporaryFile);
     return callbackStatus;
-}
-
-FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
-                                                        PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)
-{
-    // Only an open that the pre-create hands a record reaches here, and none does yet.
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
-    UNREFERENCED_PARAMETER(Flags);
-    return FLT_POSTOP_FINISHED_PROCESSING;
 }
