@@ -69,7 +69,8 @@ static VOID AnswerNetworkOpenInformation(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_
 
 // FileAllInformation of a redirected file: the service's basic and standard information, fixed
 // values for the rest, and the real file's device path as its name when the buffer holds it.
-// AccessInformation and ModeInformation stay as the caller's buffer had them. A buffer short of the
+// AccessInformation and ModeInformation, which the filter doesn't know, are 0: the buffer of an IRP
+// is pool that no one zeroed, and nothing of it goes to the caller unwritten. A buffer short of the
 // fixed part gets STATUS_BUFFER_TOO_SMALL and the needed length; one short of the name gets the
 // fixed part, no name and STATUS_BUFFER_OVERFLOW. A failed or timed-out request writes nothing.
 // IRQL: PASSIVE_LEVEL.
@@ -98,7 +99,9 @@ static VOID AnswerAllInformation(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS 
     pInformation->StandardInformation = standard;
     pInformation->InternalInformation.IndexNumber.QuadPart = REDIRECTED_FILE_INDEX_NUMBER;
     pInformation->EaInformation.EaSize = 0;
+    pInformation->AccessInformation.AccessFlags = 0;
     pInformation->PositionInformation.CurrentByteOffset.QuadPart = 0;
+    pInformation->ModeInformation.Mode = 0;
     pInformation->AlignmentInformation.AlignmentRequirement = 0;
     if (ulLength < ulNeeded) {
         pInformation->NameInformation.FileNameLength = 0;
