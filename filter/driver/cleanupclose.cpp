@@ -15,19 +15,6 @@
 #include "servicerequests.h"
 #include "trace.h"
 
-// Writes the map of a record that other opens may go on marking: from a copy taken under the
-// record's lock, so that the stream gets one moment's map. The map is kept in memory if the copy
-// can't be made. IRQL: PASSIVE_LEVEL.
-static VOID SaveDirtyBlockMap(PCFLT_RELATED_OBJECTS FltObjects, PFLT_INSTANCE pInstance, PCUNICODE_STRING pPath,
-                              TrackedDirtyBlockFile* pRecord)
-{
-    TrackedDirtyBlockFile* pCopy = nullptr;
-    if (NT_SUCCESS(CopyTrackedDirtyBlockFile(pRecord, &pCopy))) {
-        (VOID) WriteDirtyBlockMap(FltObjects->Filter, pInstance, pPath, pCopy);
-        DeleteTrackedDirtyBlockFile(pCopy);
-    }
-}
-
 // Deletes the dummy file of a redirected open. IRQL: PASSIVE_LEVEL.
 static VOID DeleteTemporaryFile(PCUNICODE_STRING pstrTemporaryFile)
 {
@@ -101,10 +88,12 @@ FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCleanup(PFLT_CALLBACK_DATA Dat
     TRACE_INFO("OnClose[%d] pContext->bLocked[%d] pContext=0x%p", pContext->OnClose & ON_CLOSE_UPLOAD,
                pContext->bLocked, pContext);
     if ((pContext->OnClose & ON_CLOSE_UPLOAD) != 0) {
-        // The map on disk is at least as new as the upload the service is about to make.
+        // The map on disk is at least as new as the upload the service is about to make. Other
+        // opens of the file may go on marking the shared record: a copy taken under its lock is
+        // what gets written.
         if (pContext->pTrackedDirtyBlockFile != nullptr) {
-            SaveDirtyBlockMap(FltObjects, Data->Iopb->TargetInstance, pContext->pstrPath,
-                              pContext->pTrackedDirtyBlockFile);
+            (VOID) WriteStableDirtyBlockMap(FltObjects->Filter, Data->Iopb->TargetInstance, pContext->pstrPath,
+                                            pContext->pTrackedDirtyBlockFile);
         }
         (VOID) ServiceRequest_ObjectUploadIfRequired(pContext->pstrSid, pContext->pstrPath,
                                                      pContext->bSignatureRequired ? pContext->pstrSignatureName

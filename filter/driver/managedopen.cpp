@@ -42,6 +42,15 @@ static OwnedString* RequestSignature(PCUNICODE_STRING pstrSid, PCUNICODE_STRING 
     return pstrSignatureName;
 }
 
+// The process for which the service brings the content: the one whose thread makes the open. An
+// open that the loopback server makes for another process stands for that process instead, once
+// loopback accesses are tracked. IRQL: PASSIVE_LEVEL.
+static HANDLE DownloadRequesterProcessId(PCUNICODE_STRING pstrPath)
+{
+    UNREFERENCED_PARAMETER(pstrPath);
+    return PsGetCurrentProcessId();
+}
+
 FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                             PCUNICODE_STRING pstrPath, PCUNICODE_STRING pstrSid,
                                             UCHAR bForeignUserAccess, const FILE_BASIC_INFORMATION* pBasic,
@@ -67,7 +76,7 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
         // The request carries the caller's own share access: the widening comes after it.
         status = ServiceRequest_ObjectDownloadIfRequired(pstrSid, pstrPath, pBasic, pStandard, bMarkerStreamPresent,
                                                          &bUploadCancelled, &bLocked, FltObjects, Iopb,
-                                                         &bTrackDirtyBlocks, nullptr);
+                                                         &bTrackDirtyBlocks, DownloadRequesterProcessId(pstrPath));
         if (NT_ERROR(status)) {
             TRACE_ERROR("ServiceRequest_ObjectDownloadIfRequired for file [%wZ] failed, status: 0x%x", pstrPath,
                         status);
