@@ -44,6 +44,14 @@ inline constexpr char16_t kVolumeDevice[] = u"\\Device\\HarddiskVolume2";
     abort();
 }
 
+// Ends the process as a crash that names the check, unless it holds.
+inline void Check(bool condition, std::string_view what)
+{
+    if (!condition) {
+        Fail(what);
+    }
+}
+
 namespace detail {
 
 struct ExitState {

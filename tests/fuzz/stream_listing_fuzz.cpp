@@ -38,7 +38,7 @@
 
 namespace {
 
-using foldermerge::fuzzing::Fail;
+using foldermerge::fuzzing::Check;
 using foldermerge::fuzzing::Take;
 
 constexpr uint8_t kOverflow = 0x01;
@@ -56,13 +56,6 @@ const std::array<std::u16string, 13> kHidden = {
     u":{6C3E8A1E-4F3D-42E7-ACD2-424029763E69}", u":{C8CAB137-B211-4CF7-84EC-A7AEF20BB975}",
     u":{8B01ACF6-273B-4E99-97AC-C1C5F4D39DD9}",
 };
-
-void Check(bool condition, const char* what)
-{
-    if (!condition) {
-        Fail(what);
-    }
-}
 
 template <typename T>
 T ReadAt(const std::vector<uint8_t>& bytes, size_t offset)
