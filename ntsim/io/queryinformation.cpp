@@ -20,7 +20,6 @@
 // manager's length check does not apply to it: the file system checks what reaches it.
 #include "iomgr.hpp"
 
-#include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/process.hpp>
 #include <ntsim/sim/verifier.hpp>
 
@@ -33,6 +32,9 @@
 namespace ntsim::iomgr {
 
 namespace {
+
+// What a new block of ntsim's pool holds, byte after byte.
+constexpr UCHAR kPoolFill = 0xA5;
 
 // The fixed part of a class's record, as the I/O manager's table has it: 0 for a class that is
 // never queried (directory and set-only classes). Classes ntsim does not list are left to the file
@@ -186,7 +188,7 @@ NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTA
     }
     // The system buffer comes from pool and isn't zeroed: what a driver reports without writing it
     // reaches the caller as the pool held it.
-    std::vector<UCHAR> systemBuffer(length, pool::kFillPattern);
+    std::vector<UCHAR> systemBuffer(length, kPoolFill);
     CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
                             (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
                         mode);

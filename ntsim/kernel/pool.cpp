@@ -26,6 +26,7 @@ namespace ntsim::pool {
 
 namespace {
 
+constexpr unsigned char kFillPattern = 0xA5;
 constexpr size_t kMaxCallSiteDepth = 16;
 constexpr size_t kRecentlyFreed = 4096;
 // Unwinding a stack costs microseconds: test builds record a few callers for leak reports, release

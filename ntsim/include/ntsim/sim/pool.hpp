@@ -15,10 +15,6 @@
 
 namespace ntsim::pool {
 
-// The byte every new block is filled with, as Windows leaves pool memory uninitialized: code that
-// reads or hands on bytes it never wrote meets this pattern, never zeros.
-inline constexpr unsigned char kFillPattern = 0xA5;
-
 // A tag as its four bytes read in memory order ("VLMR" for 'RMLV'), as pool tools print it.
 std::string TagText(ULONG tag);
 // The tag whose memory bytes are text (at most four characters, padded with spaces).
