@@ -21,7 +21,8 @@ std::vector<std::u16string> StreamNames(const QueryResult& listing)
         const auto* entry = reinterpret_cast<const FILE_STREAM_INFORMATION*>(listing.bytes.data() + offset);
         names.emplace_back(reinterpret_cast<const char16_t*>(entry->StreamName), entry->StreamNameLength / 2);
         if (entry->NextEntryOffset == 0) {
-            EXPECT_EQ(listing.information, offset + FIELD_OFFSET(FILE_STREAM_INFORMATION, StreamName) + entry->StreamNameLength);
+            EXPECT_EQ(listing.information,
+                      offset + FIELD_OFFSET(FILE_STREAM_INFORMATION, StreamName) + entry->StreamNameLength);
             break;
         }
         offset += entry->NextEntryOffset;

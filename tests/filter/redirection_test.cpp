@@ -163,7 +163,8 @@ TEST_F(Redirection, ARedirectionThatLeadsNowhereFailsTheOpen)
 
 TEST_F(Redirection, AServiceThatAlwaysReparsesEndsAtTheIoManagersLimit)
 {
-    service_.AddRule({.code = kRedirectCode, .reply = {.reparse = true, .redirected = true, .name = u"\\??\\C:\\Data\\a.txt"}});
+    service_.AddRule(
+        {.code = kRedirectCode, .reply = {.reparse = true, .redirected = true, .name = u"\\??\\C:\\Data\\a.txt"}});
     ASSERT_EQ(service_.Connect(), S_OK);
     OpenForAttributes(STATUS_REPARSE_POINT_NOT_RESOLVED);
     EXPECT_EQ(NewCalls().size(), 33u) << "the first pass and 32 re-parses";

@@ -1,25 +1,22 @@
 // Redirection, redirected queries, stream listings and full-attribute queries under fault
 // injection: each scenario runs again and again, failing the 1st, 2nd, 3rd ... failure point of the
-// filter's own work once (its pool, the untagged name it hands the I/O manager, the platform
-// routines it calls and what they allocate for it, its messages to the service), until a run
-// injects nothing. After every run:
+// filter's own work, once and from there on (its pool, the untagged name it hands the I/O manager,
+// the platform routines it calls and what they allocate for it, its messages to the service),
+// until a run injects nothing. After every run (tests/filter/sweep_fixture.hpp checks the pool and
+// the verifier):
 //   - each answer the caller got is one the scenario can give, and all answers of one open come
-//     from one source (a single query may fail with the failure): S the service's view of the
-//     file, D the disk's (as if the filter weren't there), d the dummy's (a redirected open whose
-//     second pass the filter gave up), R the open re-parsed under its own name, which names
-//     nothing (the redirect request failed), F a failed query;
-//   - no block of any tag and no record is left, and the verifier reported nothing.
+//     from one source, though queries may fail with the failure: S the service's view of the file,
+//     D the disk's (as if the filter weren't there), d the dummy's (a redirected open whose second
+//     pass the filter gave up), R the open re-parsed under its own name, which names nothing (the
+//     redirect request failed), F a failed query;
+//   - no record is left.
 // The run that injects nothing gives the service's view throughout.
 #include "redirect_fixture.hpp"
 
-#include <ntsim/sim/faults.hpp>
-#include <ntsim/sim/pool.hpp>
-#include <ntsim/sim/verifier.hpp>
+#include "sweep_fixture.hpp"
 
 #include <cstdio>
 #include <functional>
-
-#include "user.h"
 
 namespace foldermerge::testing {
 namespace {
@@ -84,7 +81,10 @@ protected:
         }
         const QueryResult listing = Query(handle, FileStreamInformation, 512);
         Close(handle);
-        return !NT_SUCCESS(listing.status) ? "F" : listing.As<FILE_STREAM_INFORMATION>().NextEntryOffset == 0 ? "S" : "D";
+        if (!NT_SUCCESS(listing.status)) {
+            return "F";
+        }
+        return listing.As<FILE_STREAM_INFORMATION>().NextEntryOffset == 0 ? "S" : "D";
     }
 
     std::string FullAttributes()
@@ -100,44 +100,25 @@ protected:
 
     // Runs the scenario failing its 1st, 2nd, ... point until a run injects nothing; the number of
     // points it failed.
-    size_t Sweep(const Scenario& scenario)
+    size_t Sweep(const Scenario& scenario, ntsim::faults::Persistence persistence)
     {
         for (uint64_t n = 1;; n++) {
-            ClearUserRecords();
             volume_->SeedFile(kDummyOnVolume, "dummy");
-            const uint64_t filterBlocks = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount;
-            ntsim::pool::Checkpoint checkpoint;
-            std::vector<ntsim::verifier::BugCheckRecord> bugchecks;
             std::string views;
-            std::vector<ntsim::faults::InjectedFailure> injected;
-            {
-                ntsim::verifier::BugCheckCapture capture;
-                ntsim::faults::FailNthPointOf(FilterWork(), n);
-                views = scenario.run();
-                injected = ntsim::faults::Injected();
-                ntsim::faults::Reset();
-                bugchecks = capture.Take();
-            }
-            const std::string where = scenario.name + ", point " + std::to_string(n) + " " +
-                                      (injected.empty() ? "(none left)"
-                                                       : injected[0].routine + " " + ntsim::pool::TagText(injected[0].tag)) +
-                                      ": " + views;
-            if (injected.empty()) {
-                EXPECT_EQ(views, std::string(views.size(), 'S')) << where;
-            } else {
-                std::string sources = views;
-                std::erase(sources, 'F');
-                EXPECT_EQ(sources.find_first_not_of(sources.empty() ? 'F' : sources[0]), std::string::npos) << where;
-                EXPECT_EQ(views.find_first_not_of(scenario.allowed), std::string::npos) << where;
-            }
-            ClearUserRecords();
-            EXPECT_EQ(g_ContextList, nullptr) << where;
-            const std::vector<ntsim::pool::Allocation> leaks = checkpoint.Leaks();
-            EXPECT_TRUE(leaks.empty()) << where << ": left in pool\n" << ntsim::pool::FormatReport(leaks);
-            EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, filterBlocks) << where;
-            for (const auto& record : bugchecks) {
-                ADD_FAILURE() << where << ": bugcheck " << record.rule << "\n" << record.detail;
-            }
+            const auto injected = RunWithNthPointFailed(
+                FilterWork(), n, persistence, scenario.name, [&] { views = scenario.run(); },
+                [&](const std::vector<ntsim::faults::InjectedFailure>& failures, const std::string& where) {
+                    if (failures.empty()) {
+                        EXPECT_EQ(views, std::string(views.size(), 'S')) << where << ": " << views;
+                        return;
+                    }
+                    std::string sources = views;
+                    std::erase(sources, 'F');
+                    EXPECT_EQ(sources.find_first_not_of(sources.empty() ? 'F' : sources[0]), std::string::npos)
+                        << where << ": " << views;
+                    EXPECT_EQ(views.find_first_not_of(scenario.allowed), std::string::npos) << where << ": " << views;
+                    EXPECT_EQ(g_ContextList, nullptr) << where;
+                });
             if (injected.empty() || HasFailure()) {
                 return n - 1;
             }
@@ -153,9 +134,10 @@ TEST_F(RedirectSweep, EveryFailureOfTheFiltersWorkGivesOneWholeAnswerAndLeavesNo
         {"full attributes", "SDdRF", [this] { return FullAttributes(); }},
     };
     for (const Scenario& scenario : scenarios) {
-        const size_t points = Sweep(scenario);
-        std::printf("[  SWEEP   ] %-20s %3zu failure points\n", scenario.name.c_str(), points);
-        EXPECT_GT(points, 40u) << scenario.name;
+        const size_t once = Sweep(scenario, ntsim::faults::Persistence::Once);
+        EXPECT_EQ(Sweep(scenario, ntsim::faults::Persistence::Persistent), once) << scenario.name;
+        std::printf("[  SWEEP   ] %-20s %3zu failure points\n", scenario.name.c_str(), once);
+        EXPECT_GT(once, 40u) << scenario.name;
     }
 }
 
