@@ -2,11 +2,12 @@
 //
 // An open ends in one of these ways: it is left alone (the file system serves it and no later
 // callback of its file object finds a record), it is refused (a write to a read-only merge folder,
-// the deletion of a merge folder, or by the service), or it is one of managed content, of the
-// caller's own merge folder or, with local content only, of another user's: the service brings the
-// content (managedopen.cpp) and a record follows the file object, which the post-create keeps or
-// drops by the open's result (postcreate.cpp). Any failure of the filter's own work passes the
-// open: the filter fails open.
+// the deletion of a merge folder, or by the service), it is sent to a dummy file by a re-parse (an
+// attribute-only open that the service redirects, redirection.cpp), or it is one of managed
+// content, of the caller's own merge folder or, with local content only, of another user's: the
+// service brings the content (managedopen.cpp) and a record follows the file object, which the
+// post-create keeps or drops by the open's result (postcreate.cpp). Any failure of the filter's own
+// work passes the open: the filter fails open.
 #include "create.h"
 
 #include "exclusions.h"
