@@ -2,11 +2,12 @@
 //
 // An open ends in one of these ways: it is left alone (the file system serves it and no later
 // callback of its file object finds a record), it is refused (a write to a read-only merge folder,
-// the deletion of a merge folder, or by the service), or it is one of managed content, of the
-// caller's own merge folder or, with local content only, of another user's: the service brings the
-// content (managedopen.cpp) and a record follows the file object, which the post-create keeps or
-// drops by the open's result (postcreate.cpp). Any failure of the filter's own work passes the
-// open: the filter fails open.
+// the deletion of a merge folder, or by the service), it is sent to a dummy file by a re-parse (an
+// attribute-only open that the service redirects, redirection.cpp), or it is one of managed
+// content, of the caller's own merge folder or, with local content only, of another user's: the
+// service brings the content (managedopen.cpp) and a record follows the file object, which the
+// post-create keeps or drops by the open's result (postcreate.cpp). Any failure of the filter's own
+// work passes the open: the filter fails open.
 #include "create.h"
 
 #include "exclusions.h"
@@ -16,6 +17,7 @@
 #include "mergefolders.h"
 #include "operations.h"
 #include "ownedstring.h"
+#include "redirection.h"
 #include "trace.h"
 
 // The name that the service gives the dummy files to which attribute-only opens are sent.
@@ -48,6 +50,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     OwnedString* pstrOwnerSid = nullptr;
     UCHAR bReadOnly = 0;
     UCHAR bForeignUserAccess = 0;
+    OwnedString* pstrTemporaryFile = nullptr;
     FILE_BASIC_INFORMATION basicInformation;
     FILE_STANDARD_INFORMATION standardInformation;
     UCHAR bMarkerStreamPresent = 0;
@@ -152,7 +155,13 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     (VOID) GetFileInformation(pstrPath, FltObjects->Filter, Data->Iopb->TargetInstance, &basicInformation,
                               &standardInformation, &bMarkerStreamPresent);
 
-    // The redirection of attribute-only opens to a dummy file comes with its own work.
+    // An open for attributes alone may be sent to a dummy file; at the dummy it goes on as the open
+    // of the real file.
+    if (IsAttributeOnlyOpen(DesiredAccess, &basicInformation) &&
+        RedirectAttributeOnlyOpen(Data, FltObjects, pstrSid, &pstrPath, &basicInformation, &standardInformation,
+                                  &pstrTemporaryFile, &callbackStatus) == RedirectionEnded) {
+        goto Exit;
+    }
 
     // A merge folder's own path, marked read-only, can't be opened for writing.
     if (bReadOnly && (DesiredAccess & ACCESS_WRITING) != 0) {
@@ -180,12 +189,14 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
 
     // An open to follow: the service brings the content, and a record follows the file object.
     callbackStatus = FollowManagedOpen(Data, FltObjects, pstrPath, pstrSid, bForeignUserAccess, &basicInformation,
-                                       &standardInformation, bMarkerStreamPresent, CompletionContext);
+                                       &standardInformation, bMarkerStreamPresent, &pstrTemporaryFile,
+                                       CompletionContext);
 
 Exit:
     FreeUnicodeString(&pstrPath);
     FreeUnicodeString(&pstrSid);
     FreeUnicodeString(&pstrImageName);
     FreeUnicodeString(&pstrOwnerSid);
+    FreeUnicodeString(&pstrTemporaryFile);
     return callbackStatus;
 }

@@ -3,6 +3,8 @@
 
 #include <fltKernel.h>
 
+#include "ownedstring.h"
+
 // Access that touches a file's content: a kernel-mode open with none of these bits passes the gate.
 // FILE_READ_DATA, FILE_WRITE_DATA, FILE_WRITE_EA, FILE_WRITE_ATTRIBUTES, DELETE, GENERIC_ALL,
 // GENERIC_WRITE, GENERIC_READ.
@@ -22,7 +24,8 @@
 // signature when the open writes, widens the share access, and makes the file object's record with
 // the service's flags, its dirty block record and what its close must do. pBasic, pStandard and
 // bMarkerStreamPresent are what the disk holds for pstrPath (the unknown pattern when nothing). The
-// record takes copies of pstrPath and pstrSid.
+// record takes copies of pstrPath and pstrSid, and takes over *ppstrTemporaryFile, the dummy file of
+// a redirected open (then set to null); the caller frees what it isn't handed.
 // Returns FLT_PREOP_SUCCESS_WITH_CALLBACK with the record in *CompletionContext; FLT_PREOP_COMPLETE
 // with the service's status when it refuses the open; FLT_PREOP_SUCCESS_NO_CALLBACK, the share
 // access widened all the same, when the record can't be made.
@@ -31,4 +34,4 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
                                             PCUNICODE_STRING pstrPath, PCUNICODE_STRING pstrSid,
                                             UCHAR bForeignUserAccess, const FILE_BASIC_INFORMATION* pBasic,
                                             const FILE_STANDARD_INFORMATION* pStandard, UCHAR bMarkerStreamPresent,
-                                            PVOID* CompletionContext);
+                                            OwnedString** ppstrTemporaryFile, PVOID* CompletionContext);

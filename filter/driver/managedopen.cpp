@@ -104,7 +104,7 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
                                             PCUNICODE_STRING pstrPath, PCUNICODE_STRING pstrSid,
                                             UCHAR bForeignUserAccess, const FILE_BASIC_INFORMATION* pBasic,
                                             const FILE_STANDARD_INFORMATION* pStandard, UCHAR bMarkerStreamPresent,
-                                            PVOID* CompletionContext)
+                                            OwnedString** ppstrTemporaryFile, PVOID* CompletionContext)
 {
     PFLT_IO_PARAMETER_BLOCK Iopb = Data->Iopb;
     FLT_PREOP_CALLBACK_STATUS callbackStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
@@ -151,6 +151,11 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
         }
     }
     NoteWorkAtCleanup(pContext, Iopb->Parameters.Create.Options, bUploadCancelled);
+
+    // The dummy file of a redirected open goes at its cleanup.
+    pContext->pstrTemporaryFile = *ppstrTemporaryFile;
+    *ppstrTemporaryFile = nullptr;
+
     if (pstrSignatureName != nullptr) {
         pContext->pstrSignatureName = pstrSignatureName;
         pContext->bSignatureRequired = 1;

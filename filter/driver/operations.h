@@ -78,6 +78,24 @@ FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostSetInformation(PFLT_CALLBACK_D
                                                                 PVOID CompletionContext,
                                                                 FLT_POST_OPERATION_FLAGS Flags);
 
+// ---- query information ----
+// PreQueryInformation answers the basic, standard, all and network-open queries of a redirected
+// file's valid record from the service (FLT_PREOP_COMPLETE), hands the record of a stream listing to
+// its post-callback (FLT_PREOP_SUCCESS_WITH_CALLBACK), and lets everything else pass.
+// PostQueryInformation takes the system's streams out of that listing, at a safe IRQL.
+// PreNetworkQueryInformation refuses the fast form of a managed path's network query open
+// (FLT_PREOP_DISALLOW_FASTIO) and lets everything else pass.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreQueryInformation(PFLT_CALLBACK_DATA Data,
+                                                                PCFLT_RELATED_OBJECTS FltObjects,
+                                                                PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostQueryInformation(PFLT_CALLBACK_DATA Data,
+                                                                  PCFLT_RELATED_OBJECTS FltObjects,
+                                                                  PVOID CompletionContext,
+                                                                  FLT_POST_OPERATION_FLAGS Flags);
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreNetworkQueryInformation(PFLT_CALLBACK_DATA Data,
+                                                                       PCFLT_RELATED_OBJECTS FltObjects,
+                                                                       PVOID* CompletionContext);
+
 // ---- instances ----
 // STATUS_SUCCESS for NTFS volumes and the MUP device, STATUS_FLT_DO_NOT_ATTACH for anything else.
 NTSTATUS FLTAPI FolderMerge_InstanceSetup(PCFLT_RELATED_OBJECTS FltObjects, FLT_INSTANCE_SETUP_FLAGS Flags,

@@ -30,6 +30,14 @@ static const FLT_OPERATION_REGISTRATION g_OperationRegistration[] = {
      .Flags = 0,
      .PreOperation = FolderMerge_PreSetInformation,
      .PostOperation = FolderMerge_PostSetInformation},
+    {.MajorFunction = IRP_MJ_QUERY_INFORMATION,
+     .Flags = 0,
+     .PreOperation = FolderMerge_PreQueryInformation,
+     .PostOperation = FolderMerge_PostQueryInformation},
+    {.MajorFunction = IRP_MJ_NETWORK_QUERY_OPEN,
+     .Flags = 0,
+     .PreOperation = FolderMerge_PreNetworkQueryInformation,
+     .PostOperation = nullptr},
     {.MajorFunction = IRP_MJ_OPERATION_END},
 };
 

@@ -10,9 +10,9 @@
 // FastIoQueryStandardInfo): the callback data carries FLTFL_CALLBACK_DATA_FAST_IO_OPERATION, the
 // caller's own buffer, and the record's size as Length, since those routines take no length. A
 // filter that answers FLT_PREOP_DISALLOW_FASTIO, or a file system that declines, sends the query
-// again as an IRP. An IRP query carries a system buffer (FLTFL_CALLBACK_DATA_SYSTEM_BUFFER): when it
-// completes with a status that is not an error, its first IoStatus.Information bytes go back to the
-// caller's buffer, whoever completed it. A driver that reports more bytes than the buffer holds is a
+// again as an IRP. An IRP query carries a system buffer (FLTFL_CALLBACK_DATA_SYSTEM_BUFFER), not
+// zeroed, as pool isn't: when it completes with a status that is not an error, its first
+// IoStatus.Information bytes go back to the caller's buffer, whoever completed it. A driver that reports more bytes than the buffer holds is a
 // verifier error (nothing past the buffer is copied).
 //
 // A handle's query goes below the instance that opened its file object, if a filter opened it with
@@ -32,6 +32,9 @@
 namespace ntsim::iomgr {
 
 namespace {
+
+// What a new block of ntsim's pool holds, byte after byte.
+constexpr UCHAR kPoolFill = 0xA5;
 
 // The fixed part of a class's record, as the I/O manager's table has it: 0 for a class that is
 // never queried (directory and set-only classes). Classes ntsim does not list are left to the file
@@ -183,7 +186,9 @@ NTSTATUS QueryInformationThroughStack(FileObjectRecord* record, const _FLT_INSTA
         *returned = sizeof(FILE_POSITION_INFORMATION);
         return STATUS_SUCCESS;
     }
-    std::vector<UCHAR> systemBuffer(length);
+    // The system buffer comes from pool and isn't zeroed: what a driver reports without writing it
+    // reaches the caller as the pool held it.
+    std::vector<UCHAR> systemBuffer(length, kPoolFill);
     CallbackFrame frame(FLTFL_CALLBACK_DATA_IRP_OPERATION | FLTFL_CALLBACK_DATA_SYSTEM_BUFFER |
                             (generated ? FLTFL_CALLBACK_DATA_GENERATED_IO : 0),
                         mode);

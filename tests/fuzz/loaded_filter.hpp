@@ -15,8 +15,11 @@
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/verifier.hpp>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -39,6 +42,14 @@ inline constexpr char16_t kVolumeDevice[] = u"\\Device\\HarddiskVolume2";
     fprintf(stderr, "\n*** fuzz target: %.*s\n", static_cast<int>(what.size()), what.data());
     fflush(stderr);
     abort();
+}
+
+// Ends the process as a crash that names the check, unless it holds.
+inline void Check(bool condition, std::string_view what)
+{
+    if (!condition) {
+        Fail(what);
+    }
 }
 
 namespace detail {
@@ -78,6 +89,18 @@ inline void UnloadAtExit()
 }
 
 }  // namespace detail
+
+// The next little-endian value of an input, zero-filled where the input ends, which moves past it.
+template <typename T>
+T Take(const uint8_t*& data, size_t& size)
+{
+    T value{};
+    const size_t taken = std::min(sizeof(T), size);
+    std::memcpy(&value, data, taken);
+    data += taken;
+    size -= taken;
+    return value;
+}
 
 // Mounts an NTFS volume as C: and loads the filter over it, the first time only; the volume. A
 // load that fails ends the process. The unload runs at exit, after everything this call made.

@@ -32,7 +32,8 @@
 
 namespace {
 
-using foldermerge::fuzzing::Fail;
+using foldermerge::fuzzing::Check;
+using foldermerge::fuzzing::Take;
 
 constexpr uint8_t kNoStream = 0x01;
 constexpr uint8_t kDeleteFails = 0x02;
@@ -40,13 +41,6 @@ constexpr uint8_t kTimesCanNotBeSet = 0x04;
 constexpr uint32_t kMaxFileSize = 1u << 18;
 constexpr char16_t kFile[] = u"\\Data\\a.txt";
 const std::u16string kStream = std::u16string(kFile) + u":" + reinterpret_cast<const char16_t*>(DIRTY_BLOCK_STREAM_NAME);
-
-void Check(bool condition, const char* what)
-{
-    if (!condition) {
-        Fail(what);
-    }
-}
 
 // The loaded filter, its instance on the volume, and its pool at rest: no record, no stream I/O.
 struct Loaded {
@@ -69,17 +63,6 @@ Loaded& LoadOnce()
     FltObjectDereference(loaded->instance);  // it lives as long as the filter is attached
     loaded->pool = std::make_unique<foldermerge::fuzzing::PoolAtRest>();
     return *loaded;
-}
-
-template <typename T>
-T Take(const uint8_t*& data, size_t& size)
-{
-    T value{};
-    const size_t taken = std::min(sizeof(T), size);
-    std::memcpy(&value, data, taken);
-    data += taken;
-    size -= taken;
-    return value;
 }
 
 }  // namespace

@@ -238,6 +238,13 @@ TEST_F(QueryInformationTest, FilterThatCompletesAQueryAnswersTheCallerInEitherFo
             data->IoStatus.Information = 32;
             return FLT_PREOP_COMPLETE;
         }
+        // Reports the whole fixed part, of which it writes only the basic record.
+        if (query.FileInformationClass == FileAllInformation) {
+            std::memset(query.InfoBuffer, 0x5A, sizeof(FILE_BASIC_INFORMATION));
+            data->IoStatus.Status = STATUS_SUCCESS;
+            data->IoStatus.Information = sizeof(FILE_ALL_INFORMATION);
+            return FLT_PREOP_COMPLETE;
+        }
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     };
     static bool refuseFast;
@@ -271,6 +278,16 @@ TEST_F(QueryInformationTest, FilterThatCompletesAQueryAnswersTheCallerInEitherFo
     EXPECT_EQ(bytes[31], 0x5A);
     EXPECT_EQ(bytes[32], 0xC3) << "bytes past IoStatus.Information stay as the caller had them";
     EXPECT_EQ(bytes[55], 0xC3);
+
+    // The system buffer is pool, not zeroed: what the filter reported without writing reaches the
+    // caller as the pool held it.
+    std::vector<UCHAR> all(sizeof(FILE_ALL_INFORMATION), 0xC3);
+    ASSERT_EQ(Query(file, all.data(), static_cast<ULONG>(all.size()), FileAllInformation, &information),
+              STATUS_SUCCESS);
+    EXPECT_EQ(information, sizeof(FILE_ALL_INFORMATION));
+    EXPECT_EQ(all[sizeof(FILE_BASIC_INFORMATION) - 1], 0x5A);
+    EXPECT_EQ(all[sizeof(FILE_BASIC_INFORMATION)], 0xA5) << "the pool's fill";
+    EXPECT_EQ(all.back(), 0xA5);
     NtClose(file);
 }
 
