@@ -152,7 +152,7 @@ TEST_F(FilterTracing, TheGateFollowsTheSessionsLevelAndKeywords)
         {{.level = 2, .matchAnyKeyword = kTraceKeyword}, {2}},
         {{.level = 1, .matchAnyKeyword = kTraceKeyword}, {}},
         {{.level = 4, .matchAnyKeyword = 0x1}, {}},
-        {{.level = 4, .matchAnyKeyword = 0}, {}},  // the session would take anything; the gate wants bit 63
+        {{.level = 4, .matchAnyKeyword = 0}, {4, 3, 2}},  // ETW hands the provider every keyword
         {{.level = 4, .matchAnyKeyword = kTraceKeyword | 1}, {4, 3, 2}},
         {{.level = 4, .matchAnyKeyword = kTraceKeyword, .matchAllKeyword = 1}, {}},
         {{.level = 4, .matchAnyKeyword = kTraceKeyword, .matchAllKeyword = kTraceKeyword}, {4, 3, 2}},
