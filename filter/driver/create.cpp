@@ -7,9 +7,11 @@
 // the open: the filter fails open.
 #include "create.h"
 
+#include "context.h"
 #include "exclusions.h"
 #include "globals.h"
 #include "identity.h"
+#include "loopback.h"
 #include "mergefolders.h"
 #include "operations.h"
 #include "ownedstring.h"
@@ -22,27 +24,15 @@ static const UNICODE_STRING g_DummyFileText =
 // Room for the process image name of the blacklist test.
 #define PROCESS_IMAGE_NAME_CAPACITY 260
 
-// \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
-static const UNICODE_STRING g_MupPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\");
-static const UNICODE_STRING g_MupLoopbackPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\127.0.0.1\\");
-#define MUP_PATH_MIN_BYTES 24
-
-static bool IsLoopbackMupPath(PCUNICODE_STRING pPath)
-{
-    return RtlPrefixUnicodeString(&g_MupLoopbackPrefix, pPath, TRUE) != FALSE;
-}
-
+// A share on another machine: a path of the MUP device that isn't under the loopback share.
 static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
 {
-    return pPath->Length >= MUP_PATH_MIN_BYTES && RtlPrefixUnicodeString(&g_MupPrefix, pPath, TRUE) &&
-           !IsLoopbackMupPath(pPath);
+    return IsMupPath(pPath) && !IsLoopbackMupPath(pPath);
 }
 
 FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                                       PVOID* CompletionContext)
 {
-    UNREFERENCED_PARAMETER(CompletionContext);
-
     FLT_PREOP_CALLBACK_STATUS callbackStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
     OwnedString* pstrPath = nullptr;
     OwnedString* pstrSid = nullptr;
@@ -89,18 +79,20 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     // Short names to long names; on failure the path stays as it is.
     (VOID) NormalizeFilePath(Data, &pstrPath);
 
-    // A kernel-mode open counts only if it touches content.
+    // A kernel-mode open counts only if it touches content, or if it is the file server's open for
+    // a loopback access in flight.
     if (ExGetPreviousMode() == KernelMode) {
-        if ((DesiredAccess & ACCESS_REQUIRING_DOWNLOAD) == 0) {
+        if ((DesiredAccess & ACCESS_REQUIRING_DOWNLOAD) == 0 && FindTrackedMupPID(pstrPath) == nullptr) {
             TRACE_INFO("[EXIT] Previous mode is KernelMode");
             goto Exit;
         }
         TRACE_INFO("Previous mode is KernelMode but access requires download");
     }
 
-    // The loopback share. Such an open is carried over to the local open it causes by the MUP
-    // access records, which this build doesn't keep yet: it passes.
+    // The loopback share: the open is tracked for the local open it causes, and goes on down the
+    // redirector with nothing else done to it.
     if (IsLoopbackMupPath(pstrPath)) {
+        callbackStatus = TrackLoopbackAccess(Data, FltObjects, pstrPath, CompletionContext);
         goto Exit;
     }
 
@@ -188,10 +180,12 @@ Exit:
 FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                                         PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)
 {
-    // Only an open that the pre-create hands a record reaches here, and none does yet.
     UNREFERENCED_PARAMETER(Data);
     UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(CompletionContext);
     UNREFERENCED_PARAMETER(Flags);
+    // A loopback open's record ends with its open, whatever the open's status and the mode.
+    if (CompletionContext != nullptr && *(const ULONG*)CompletionContext == RECORD_TYPE_MUP_ACCESS) {
+        EndTrackedMupAccess((TrackedMupAccess*)CompletionContext);
+    }
     return FLT_POSTOP_FINISHED_PROCESSING;
 }
