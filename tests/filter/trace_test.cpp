@@ -318,5 +318,27 @@ TEST_F(FilterTracing, TurningTracingOffWhileOtherThreadsTraceIsSafe)
     }
 }
 
+TEST_F(FilterTracing, SessionsComingAndGoingWhileTracingIsTurnedOffNeitherBlockNorTouchAFreedRecord)
+{
+    // The enable callback runs in the session's thread; tracing turned off meanwhile unregisters
+    // the provider and frees the record that callback is given.
+    std::atomic<bool> stop{false};
+    std::thread sessions([&] {
+        while (!stop) {
+            ntsim::etw::Session session;
+            session.EnableProvider(TRACE_PROVIDER_GUID, {.level = 4, .matchAnyKeyword = kTraceKeyword});
+            session.EnableProvider(TRACE_PROVIDER_GUID, {.level = 2, .matchAnyKeyword = kTraceKeyword});
+        }
+    });
+    for (int round = 0; round < 300; round++) {
+        ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
+        ASSERT_EQ(SetTracing(false), STATUS_SUCCESS);
+    }
+    stop = true;
+    sessions.join();
+    EXPECT_EQ(g_TraceProvider, nullptr);
+    EXPECT_FALSE(IsTraceEnabled(&TRACE_DESCRIPTOR_ERROR));
+}
+
 }  // namespace
 }  // namespace foldermerge::testing
