@@ -1,6 +1,6 @@
 // fmctl's commands against the FolderMerge filter on ntsim, run on a service process's connection as
-// the tool runs them on Windows: a configuration from text, tracing on and off, holding the
-// connection, and the failures that stop the command line.
+// the tool runs them on Windows: a configuration from text, tracing on and off, a file's dirty
+// block map and count, holding the connection, and the failures that stop the command line.
 #include "../filter/filter_fixture.hpp"
 
 #include "commands.hpp"
@@ -93,6 +93,28 @@ TEST_F(FmctlCommands, AFailedCommandStopsTheLineAndAWrongLineSendsNothing)
         EXPECT_EQ(wrong.output, fmctl::Usage());
     }
     EXPECT_EQ(g_TraceProvider, nullptr);
+}
+
+TEST_F(FmctlCommands, MapPrintsTheDirtyBlocksAsRangesAndTakingItClearsThem)
+{
+    // A file the filter never saw is wholly dirty until its map has been taken once: for 20000
+    // bytes a count of 4 whole blocks and one map byte of set bits, handed over in four bytes.
+    volume_->SeedFile(u"\\Data\\a.txt", std::string(20000, 'a'));
+    const std::string path = "\\Device\\HarddiskVolume2\\Data\\a.txt";
+    const ToolRun first = Commands({"count", path, "map", path, "count", path, "map", path});
+    EXPECT_EQ(first.status, 0);
+    EXPECT_EQ(first.output, "count of " + path + ": 4 dirty block(s); tracking failed\n"
+                            "map of " + path + " (4 bytes, now cleared): dirty blocks 0-7; tracking failed: take "
+                            "the whole file as changed\n"
+                            "count of " + path + ": 0 dirty block(s)\n"
+                            "map of " + path + " (4 bytes, now cleared): dirty blocks none\n");
+
+    const ToolRun missing = Commands({"map", "\\Device\\HarddiskVolume2\\Data\\none.txt", "trace", "on"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.output.rfind("map \\Device\\HarddiskVolume2\\Data\\none.txt: ReadDirtyBlockMap failed with 0x", 0),
+              0u)
+        << missing.output;
+    EXPECT_EQ(g_TraceProvider, nullptr) << "the commands after the failure don't run";
 }
 
 TEST_F(FmctlCommands, HoldKeepsTheConfigurationUntilALineIsRead)

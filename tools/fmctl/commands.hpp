@@ -1,5 +1,6 @@
 // The commands of fmctl, on a connection to FolderMerge's port: configure the filter from a file,
-// turn its tracing on or off, and hold the connection while the configuration is to stand.
+// turn its tracing on or off, take a file's dirty block map or read its count, and hold the
+// connection while the configuration is to stand.
 //
 //     fmctl configure folders.txt trace on hold
 //
