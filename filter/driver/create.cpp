@@ -2,13 +2,15 @@
 //
 // An open ends in one of these ways: it is left alone (the file system serves it and no later
 // callback of its file object finds a record), it is refused (a write to a read-only merge folder,
-// the deletion of a merge folder), or it is one of managed content, of the caller's own merge
-// folder or, with local content only, of another user's. Any failure of the filter's own work passes
-// the open: the filter fails open.
+// the deletion of a merge folder, or by the service), or it is one of managed content, of the
+// caller's own merge folder or, with local content only, of another user's: the service brings the
+// content (managedopen.cpp) and a record follows the file object, which the post-create keeps or
+// drops by the open's result (postcreate.cpp). Any failure of the filter's own work passes the
+// open: the filter fails open.
 #include "create.h"
 
-#include "context.h"
 #include "exclusions.h"
+#include "fileaccess.h"
 #include "globals.h"
 #include "identity.h"
 #include "loopback.h"
@@ -40,6 +42,9 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     OwnedString* pstrOwnerSid = nullptr;
     UCHAR bReadOnly = 0;
     UCHAR bForeignUserAccess = 0;
+    FILE_BASIC_INFORMATION basicInformation;
+    FILE_STANDARD_INFORMATION standardInformation;
+    UCHAR bMarkerStreamPresent = 0;
     NTSTATUS status;
     PIO_SECURITY_CONTEXT pSecurityContext = Data->Iopb->Parameters.Create.SecurityContext;
     ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
@@ -138,8 +143,12 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     // From here on the open is a request for managed content.
     TRACE_INFO("Normalized requested Path is [%wZ] and the user SID is [%wZ]", pstrPath, pstrSid);
 
-    // The file's state on disk, and the redirection of attribute-only opens to a dummy
-    // file, come with the service requests.
+    // What the disk holds for the path, for the service. A file that can't be read stays unknown:
+    // the status isn't looked at.
+    (VOID) GetFileInformation(pstrPath, FltObjects->Filter, Data->Iopb->TargetInstance, &basicInformation,
+                              &standardInformation, &bMarkerStreamPresent);
+
+    // The redirection of attribute-only opens to a dummy file comes with its own work.
 
     // A merge folder's own path, marked read-only, can't be opened for writing.
     if (bReadOnly && (DesiredAccess & ACCESS_WRITING) != 0) {
@@ -165,9 +174,9 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
         goto Exit;
     }
 
-    // An open to follow. Its download request, signature and file context come with the service
-    // requests and the context table; until then the open goes on untouched, its class decided.
-    UNREFERENCED_PARAMETER(bForeignUserAccess);
+    // An open to follow: the service brings the content, and a record follows the file object.
+    callbackStatus = FollowManagedOpen(Data, FltObjects, pstrPath, pstrSid, bForeignUserAccess, &basicInformation,
+                                       &standardInformation, bMarkerStreamPresent, CompletionContext);
 
 Exit:
     FreeUnicodeString(&pstrPath);
@@ -175,17 +184,4 @@ Exit:
     FreeUnicodeString(&pstrImageName);
     FreeUnicodeString(&pstrOwnerSid);
     return callbackStatus;
-}
-
-FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
-                                                        PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags)
-{
-    UNREFERENCED_PARAMETER(Data);
-    UNREFERENCED_PARAMETER(FltObjects);
-    UNREFERENCED_PARAMETER(Flags);
-    // A loopback open's record ends with its open, whatever the open's status and the mode.
-    if (CompletionContext != nullptr && *(const ULONG*)CompletionContext == RECORD_TYPE_MUP_ACCESS) {
-        EndTrackedMupAccess((TrackedMupAccess*)CompletionContext);
-    }
-    return FLT_POSTOP_FINISHED_PROCESSING;
 }

@@ -1,0 +1,147 @@
+// The last stretch of an open of managed content: the service brings the file's content to the
+// disk (and names a signature when the open writes), and a record is made that follows the file
+// object from here to its close.
+//
+// The open waits here for the service, up to the request's 30 minutes. The service can refuse the
+// open by STATUS_ACCESS_DENIED or STATUS_SHARING_VIOLATION alone; any other failure of the service
+// or of the filter's own work lets the open go on, with no flags, no signature or no record.
+#include "create.h"
+
+#include "context.h"
+#include "dirtyblocktracking.h"
+#include "fileaccess.h"
+#include "globals.h"
+#include "loopback.h"
+#include "servicerequests.h"
+#include "trace.h"
+
+// Room for the signature's name: 260 characters and a zero character.
+#define SIGNATURE_NAME_CAPACITY ((USHORT)((SERVICE_SIGNATURE_NAME_CHARS + 1) * sizeof(WCHAR)))
+
+// Whether the service's answer refuses the open: an error, and one of the two statuses by which
+// the service says no. IRQL: any.
+static bool IsDownloadRefusal(NTSTATUS status)
+{
+    return status == STATUS_ACCESS_DENIED || status == STATUS_SHARING_VIOLATION;
+}
+
+// Asks the service for the signature of an open that writes. The name, or null when the request
+// failed or its string couldn't be allocated. IRQL: PASSIVE_LEVEL, no lock held.
+static OwnedString* RequestSignature(PCUNICODE_STRING pstrSid, PCUNICODE_STRING pstrPath,
+                                     PCFLT_RELATED_OBJECTS FltObjects, PFLT_IO_PARAMETER_BLOCK Iopb)
+{
+    TRACE_INFO("File access requires signature: %wZ", pstrPath);
+    OwnedString* pstrSignatureName = CreateUnicodeString(POOL_SELECTOR_NONPAGED, SIGNATURE_NAME_CAPACITY);
+    if (pstrSignatureName == nullptr) {
+        return nullptr;
+    }
+    NTSTATUS status = ServiceRequest_ObjectSignature(pstrSid, pstrPath, pstrSignatureName, FltObjects, Iopb);
+    if (!NT_SUCCESS(status)) {
+        TRACE_ERROR("ServiceRequest_ObjectSignature failed, error code: 0x%x", status);
+        FreeUnicodeString(&pstrSignatureName);
+    }
+    return pstrSignatureName;
+}
+
+// The process for which the service brings the content: the one whose thread makes the open. The
+// file server's open of a file that a loopback access has in flight stands for the process that
+// made that access. Null, which the request takes for the current process, when there is none.
+// IRQL: PASSIVE_LEVEL.
+static HANDLE DownloadRequesterProcessId(PCUNICODE_STRING pstrPath)
+{
+    return FindTrackedMupPID(pstrPath);
+}
+
+FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                            PCUNICODE_STRING pstrPath, PCUNICODE_STRING pstrSid,
+                                            UCHAR bForeignUserAccess, const FILE_BASIC_INFORMATION* pBasic,
+                                            const FILE_STANDARD_INFORMATION* pStandard, UCHAR bMarkerStreamPresent,
+                                            PVOID* CompletionContext)
+{
+    PFLT_IO_PARAMETER_BLOCK Iopb = Data->Iopb;
+    PIO_SECURITY_CONTEXT pSecurityContext = Iopb->Parameters.Create.SecurityContext;
+    ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
+    OwnedString* pstrSignatureName = nullptr;
+    FileContext* pContext = nullptr;
+    UCHAR bUploadCancelled = 0;
+    UCHAR bLocked = 0;
+    UCHAR bTrackDirtyBlocks = 0;
+    NTSTATUS status;
+
+    TRACE_INFO("Making a service request for [%wZ]. Calling ServiceRequest_ObjectDownloadIfRequired", pstrPath);
+
+    // A directory has no content to bring, and another user's folder gets local content only. A
+    // path that wasn't found may be a file about to be created: the service hears of it.
+    if (!bForeignUserAccess &&
+        !(AreFileAttributesKnown(pBasic) && (pBasic->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)) {
+        // The request carries the caller's own share access: the widening comes after it.
+        status = ServiceRequest_ObjectDownloadIfRequired(pstrSid, pstrPath, pBasic, pStandard, bMarkerStreamPresent,
+                                                         &bUploadCancelled, &bLocked, FltObjects, Iopb,
+                                                         &bTrackDirtyBlocks, DownloadRequesterProcessId(pstrPath));
+        if (NT_ERROR(status)) {
+            TRACE_ERROR("ServiceRequest_ObjectDownloadIfRequired for file [%wZ] failed, status: 0x%x", pstrPath,
+                        status);
+            if (IsDownloadRefusal(status)) {
+                Data->IoStatus.Status = status;
+                Data->IoStatus.Information = 0;
+                return FLT_PREOP_COMPLETE;
+            }
+            // Any other failure opens the file as it lies on the disk: a failed request wrote no
+            // flag.
+        }
+        // A time-out is no error: the open goes on, and may still need its signature.
+        if (NT_SUCCESS(status) && (DesiredAccess & DELETE) == 0 &&
+            (DesiredAccess & ACCESS_REQUIRING_SIGNATURE) != 0) {
+            pstrSignatureName = RequestSignature(pstrSid, pstrPath, FltObjects, Iopb);
+        }
+    }
+
+    // Opens that the filter follows never stand in one another's way, nor in the service's.
+    Iopb->Parameters.Create.ShareAccess |= FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    FltSetCallbackDataDirty(Data);
+
+    status = CreateContext(Iopb->TargetFileObject, pstrPath, pstrSid, &pContext);
+    if (!NT_SUCCESS(status)) {
+        TRACE_INFO("[EXIT] Failed to create context. Returning FLT_PREOP_SUCCESS_NO_CALLBACK");
+        FreeUnicodeString(&pstrSignatureName);
+        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+    }
+    pContext->bForeignUserAccess = bForeignUserAccess;
+    pContext->bLocked = bLocked;
+
+    if (bTrackDirtyBlocks) {
+        status = GetTrackedDirtyBlockRecord(FltObjects->Filter, Iopb->TargetInstance, pstrPath,
+                                            &pContext->pTrackedDirtyBlockFile);
+        if (!NT_SUCCESS(status)) {
+            TRACE_ERROR("Failed to create/retrieve dirty block record (0x%08x)", status);
+        }
+    }
+
+    // A file opened to be deleted goes at its cleanup; an upload held back for it is moot.
+    if ((Iopb->Parameters.Create.Options & FILE_DELETE_ON_CLOSE) != 0) {
+        if (pstrPath->Length != 0) {
+            TRACE_INFO("Created context [0x%p] for file [%wZ], ON_CLOSE_DELETE_ON_CLOSE set", pContext,
+                       pContext->pstrPath);
+        }
+        pContext->OnClose |= ON_CLOSE_DELETE_ON_CLOSE;
+    } else if (bUploadCancelled) {
+        // The first write tells the service that the held-back upload is off, and sets the upload.
+        if (pstrPath->Length != 0) {
+            TRACE_INFO("Created context [0x%p] for file [%wZ], ON_CLOSE_UPLOAD set", pContext, pContext->pstrPath);
+        }
+        pContext->bUploadCancelled = 1;
+    } else if (pstrPath->Length != 0) {
+        TRACE_INFO("Created context [0x%p] for file [%wZ]", pContext, pContext->pstrPath);
+    }
+
+    if (pstrSignatureName != nullptr) {
+        pContext->pstrSignatureName = pstrSignatureName;
+        pContext->bSignatureRequired = 1;
+    }
+
+    // Only now may other threads find the record.
+    (VOID) AddContextToContextTable(pContext);
+    *CompletionContext = pContext;
+    TRACE_INFO("[EXIT] Returning FLT_PREOP_SUCCESS_WITH_CALLBACK");
+    return FLT_PREOP_SUCCESS_WITH_CALLBACK;
+}
