@@ -104,6 +104,26 @@ TEST_F(CacheFlush, AUsersFlushOfAClosedFileGetsARecordThatTheReleaseExpires)
     ObDereferenceObject(fileObject);
 }
 
+TEST_F(CacheFlush, AFlushOfAnOpenFileKeepsToItsOwnRecordAndLeavesItValid)
+{
+    ntsim::AttachThread attach(alice_);
+    HANDLE handle = nullptr;
+    ASSERT_EQ(OpenHandle(u"\\??\\C:\\Data\\a.txt", FILE_READ_DATA | FILE_WRITE_DATA, {}, &handle).status,
+              STATUS_SUCCESS);
+    PFILE_OBJECT fileObject = ntsim::ReferenceFileObjectByHandle(handle);
+    const FileContext* pOpen = FindContextByFileObject(fileObject, FALSE);
+    ASSERT_NE(pOpen, nullptr) << "the open is followed";
+    TakeEvents();
+    IO_STATUS_BLOCK ioStatus{};
+    ASSERT_EQ(NtFlushBuffersFile(handle, &ioStatus), STATUS_SUCCESS);
+    EXPECT_EQ(FlushLines(), std::vector<std::string>{"Entering FileName [\\Device\\HarddiskVolume2\\Data\\a.txt]"})
+        << "the release's pre-callback alone";
+    EXPECT_EQ(FlushRecordsOf(fileObject), 0u);
+    EXPECT_EQ(FindContextByFileObject(fileObject, FALSE), pOpen);
+    EXPECT_EQ(NtClose(handle), STATUS_SUCCESS);
+    ObDereferenceObject(fileObject);
+}
+
 TEST_F(CacheFlush, TheLazyWriterAndUnmanagedFilesAreNotFollowed)
 {
     PFILE_OBJECT managed = ClosedFileObject(u"\\??\\C:\\Data\\a.txt");
@@ -130,7 +150,7 @@ TEST_F(CacheFlush, AReadOnlyMergeFolderRefusesItsFlushWithoutARecord)
     PFILE_OBJECT folder = ClosedFileObject(u"\\??\\C:\\Locked", {.createOptions = FILE_DIRECTORY_FILE});
     EXPECT_EQ(FlushAsAlice(folder), STATUS_ACCESS_DENIED);
     EXPECT_EQ(FlushLines(), std::vector<std::string>{"FileName [\\Device\\HarddiskVolume2\\Locked]"});
-    EXPECT_EQ(FindContextByFileObject(folder, TRUE), nullptr);
+    EXPECT_EQ(FlushRecordsOf(folder), 0u);
 
     // Below the folder, flushes go on.
     PFILE_OBJECT file = ClosedFileObject(u"\\??\\C:\\Locked\\e.txt");

@@ -3,6 +3,7 @@
 // first carries the requester to the second, and goes with the first open.
 #include "trace_fixture.hpp"
 
+#include <foldermerge/service/responder.hpp>
 #include <ntsim/sim/faults.hpp>
 #include <ntsim/sim/mup.hpp>
 
@@ -70,6 +71,28 @@ TEST_F(LoopbackAccess, TheServersAttributeOpenGoesOnOnlyWhileTheLoopbackOpenIsIn
     const std::vector<std::string> kernelLines = TakeMessages();
     EXPECT_TRUE(Contains(kernelLines, std::string("No MUP record for [") + kLocalPath + "]"));
     EXPECT_TRUE(Contains(kernelLines, "[EXIT] Previous mode is KernelMode"));
+}
+
+TEST_F(LoopbackAccess, TheDownloadOfALoopbackOpenCarriesTheRequestersProcessId)
+{
+    // The service excludes nothing (an exclusion query answered "not found").
+    service::ScriptedResponder service;
+    service.AddRule({.code = SERVICE_REQUEST_OBJECT_IS_EXCLUDED_FILE,
+                     .reply = {.status = static_cast<int32_t>(STATUS_OBJECT_NAME_NOT_FOUND)}});
+    ASSERT_EQ(service.Connect(), S_OK);
+    ASSERT_EQ(OpenAsAlice(u"\\??\\UNC\\127.0.0.1\\C$\\Data\\a.txt", FILE_READ_DATA), STATUS_SUCCESS);
+    std::vector<std::pair<uint64_t, std::string>> downloads;
+    for (const service::RecordedRequest& request : service.Requests()) {
+        if (request.view.has_value() && request.view->code == SERVICE_REQUEST_OBJECT_DOWNLOAD_IF_REQUIRED) {
+            downloads.emplace_back(request.view->processId, ntsim::ToUtf8(request.view->path));
+        }
+    }
+    // The file server's open of the local file, in its own process, stands for alice.
+    ASSERT_EQ(downloads.size(), 1u);
+    EXPECT_EQ(downloads[0].first, reinterpret_cast<ULONG_PTR>(alice_->Id()));
+    EXPECT_NE(downloads[0].first, reinterpret_cast<ULONG_PTR>(ntsim::MupServerProcess()->Id()));
+    EXPECT_EQ(downloads[0].second, kLocalPath);
+    TakeEvents();
 }
 
 TEST_F(LoopbackAccess, LoopbackPathsWithoutALocalVolumePassUntracked)
