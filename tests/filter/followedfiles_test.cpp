@@ -1,57 +1,31 @@
-// Reads and extended attribute queries of followed files: a file object with a valid record is read
-// and queried through IRPs only, and its EA queries are traced; other files are left alone. A
-// recording filter below FolderMerge sees what FolderMerge let down the stack.
+// Reads, extended attribute queries and flushes of followed files: a file object with a valid record
+// is read and queried through IRPs only, and its EA queries are traced; other files are left alone.
+// A filter below FolderMerge sees what FolderMerge let down the stack, or answers in its place.
 #include "trace_fixture.hpp"
 
-#include <ntsim/sim/filterregistration.hpp>
-#include <ntsim/sim/iomanager.hpp>
-
-#include <mutex>
+#include "../ntsim/io_testfilter.hpp"
 
 #include "context.h"
 
 namespace foldermerge::testing {
 namespace {
 
-// A filter below FolderMerge that notes each read and EA query, fast or as an IRP.
-struct Below {
-    struct Seen {
-        UCHAR major;
-        bool fast;
-    };
-    static inline std::mutex mutex;
-    static inline std::vector<Seen> seen;
-    static inline PFLT_FILTER filter = nullptr;
+// A filter below FolderMerge: it sees what FolderMerge let down the stack.
+using BelowFilter = iotest::TestFilter<0>;
 
-    static FLT_PREOP_CALLBACK_STATUS FLTAPI Pre(PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*)
-    {
-        std::lock_guard lock(mutex);
-        seen.push_back({data->Iopb->MajorFunction, FLT_IS_FASTIO_OPERATION(data)});
-        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+// Whether each read that reached the filter below was fast, in order.
+std::vector<bool> ReadsBelow()
+{
+    std::vector<bool> fast;
+    for (const iotest::Event& event : iotest::EventsOf(IRP_MJ_READ)) {
+        if (!event.post) {
+            fast.push_back(event.fastIo());
+        }
     }
-    static NTSTATUS FLTAPI Unload(FLT_FILTER_UNLOAD_FLAGS)
-    {
-        FltUnregisterFilter(filter);
-        return STATUS_SUCCESS;
-    }
-    static constexpr UCHAR kWatched[] = {IRP_MJ_READ, IRP_MJ_QUERY_EA};
-    static constexpr auto kOperations = ntsim::RegisterEachOperation(kWatched, Pre, nullptr);
-    static constexpr FLT_REGISTRATION kRegistration = {
-        .Size = sizeof(FLT_REGISTRATION),
-        .Version = FLT_REGISTRATION_VERSION,
-        .OperationRegistration = kOperations.entries,
-        .FilterUnloadCallback = Unload,
-    };
-    static NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
-    {
-        return ntsim::RegisterAndStartFiltering(driver, kRegistration, &filter);
-    }
-    static std::vector<Seen> Take()
-    {
-        std::lock_guard lock(mutex);
-        return std::exchange(seen, {});
-    }
-};
+    std::lock_guard lock(iotest::EventsMutex());
+    iotest::Events().clear();
+    return fast;
+}
 
 class FollowedFiles : public TracedFilter {
 protected:
@@ -63,7 +37,9 @@ protected:
         volume_->SeedFile(u"\\Other\\d.txt", "d");
         volume_->SeedExtendedAttribute(u"\\Other\\d.txt", "TAG", "red");
         ASSERT_EQ(Configure({{kAlice, u"C:\\Data"}}), STATUS_SUCCESS);
-        ASSERT_EQ(ntsim::LoadFilter(Below::DriverEntry, {.name = u"Below", .altitude = u"100000"}), STATUS_SUCCESS);
+        BelowFilter::script() = {};
+        ASSERT_EQ(ntsim::LoadFilter(BelowFilter::DriverEntry, {.name = u"Below", .altitude = u"100000"}),
+                  STATUS_SUCCESS);
         StartSession();
         ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
         alice_ = UserProcess(kAlice);
@@ -128,12 +104,10 @@ TEST_F(FollowedFiles, AFollowedFileIsReadThroughIrpsOnlyAndOthersAreOfferedTheFa
     HANDLE followed = OpenForReading(u"\\??\\C:\\Data\\a.txt");
     ASSERT_TRUE(Followed(followed));
     EXPECT_EQ(Read(followed), "alice's file");
-    Below::Take();
+    ReadsBelow();
     TakeEvents();
     EXPECT_EQ(Read(followed), "alice's file");
-    std::vector<Below::Seen> seen = Below::Take();
-    ASSERT_EQ(seen.size(), 1u) << "the fast attempt stopped at FolderMerge";
-    EXPECT_FALSE(seen[0].fast);
+    EXPECT_EQ(ReadsBelow(), std::vector<bool>{false}) << "the fast attempt stopped at FolderMerge";
     EXPECT_EQ(TakeMessages(),
               (std::vector<std::string>{"Entering FileName [\\Device\\HarddiskVolume2\\Data\\a.txt]",
                                         "Entering FileName [\\Device\\HarddiskVolume2\\Data\\a.txt]"}))
@@ -142,13 +116,11 @@ TEST_F(FollowedFiles, AFollowedFileIsReadThroughIrpsOnlyAndOthersAreOfferedTheFa
     HANDLE other = OpenForReading(u"\\??\\C:\\Other\\d.txt");
     ASSERT_FALSE(Followed(other));
     EXPECT_EQ(Read(other), "d");
-    Below::Take();
+    ReadsBelow();
     TakeEvents();
     EXPECT_EQ(Read(other), "d");
-    seen = Below::Take();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_TRUE(seen[0].fast) << "offered to the filters below";
-    EXPECT_FALSE(seen[1].fast) << "the fast I/O check, refused for every file, sent it back as an IRP";
+    // Offered to the filters below; the fast I/O check, refused for every file, sends it back as an IRP.
+    EXPECT_EQ(ReadsBelow(), (std::vector<bool>{true, false}));
     EXPECT_TRUE(TakeMessages().empty());
     EXPECT_EQ(NtClose(followed), STATUS_SUCCESS);
     EXPECT_EQ(NtClose(other), STATUS_SUCCESS);
@@ -167,6 +139,41 @@ TEST_F(FollowedFiles, AnEaQueryOfAFollowedFileIsTracedTwiceAndAnsweredByTheFileS
     EXPECT_TRUE(TakeMessages().empty());
     EXPECT_EQ(NtClose(followed), STATUS_SUCCESS);
     EXPECT_EQ(NtClose(other), STATUS_SUCCESS);
+}
+
+TEST_F(FollowedFiles, AnAcquireThatFindsNoFileExpiresTheFlushRecordAtOnce)
+{
+    HANDLE handle = OpenForReading(u"\\??\\C:\\Data\\a.txt");
+    PFILE_OBJECT fileObject = ntsim::ReferenceFileObjectByHandle(handle);
+    EXPECT_EQ(NtClose(handle), STATUS_SUCCESS);
+    // The file system's acquire succeeds but reports the file gone.
+    BelowFilter::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        if (data->Iopb->MajorFunction != IRP_MJ_ACQUIRE_FOR_CC_FLUSH) {
+            return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        }
+        data->IoStatus.Status = STATUS_SUCCESS;
+        data->IoStatus.Information = FILE_DOES_NOT_EXIST;
+        return FLT_PREOP_COMPLETE;
+    };
+    TakeEvents();
+    EXPECT_EQ(ntsim::IoFlushCache(fileObject), STATUS_SUCCESS);
+    BelowFilter::script().pre = nullptr;
+    const FileContext* pRecord = FindContextByFileObject(fileObject, TRUE);
+    ASSERT_NE(pRecord, nullptr);
+    EXPECT_EQ(pRecord->bCreatedForCcFlush, 1);
+    EXPECT_EQ(pRecord->bValid, 0) << "expired by the acquire's post-callback";
+    std::vector<std::string> expiredBy, releaseSeen;
+    for (const TraceEvent& event : TakeEvents()) {
+        if (event.message.starts_with("Marking context 0x")) {
+            expiredBy.push_back(event.function);
+        }
+        if (event.function == "FolderMerge_PreReleaseCcFlush") {
+            releaseSeen.push_back(event.message);
+        }
+    }
+    EXPECT_EQ(expiredBy, std::vector<std::string>{"FolderMerge_PostAcquireCcFlush"});
+    EXPECT_TRUE(releaseSeen.empty()) << "the release finds no valid record";
+    ObDereferenceObject(fileObject);
 }
 
 }  // namespace
