@@ -52,6 +52,55 @@ static HANDLE DownloadRequesterProcessId(PCUNICODE_STRING pstrPath)
     return FindTrackedMupPID(pstrPath);
 }
 
+// Asks the service to bring the file's content to the disk and, for an open that writes without
+// DELETE, for a signature. The request carries the caller's own share access: the widening comes
+// after it. The flags and the signature name are written only from a reply that didn't fail; a
+// time-out is no failure, and may still lead to the signature. Returns the download's status.
+// IRQL: PASSIVE_LEVEL, no lock held.
+static NTSTATUS RequestContent(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects, PCUNICODE_STRING pstrPath,
+                               PCUNICODE_STRING pstrSid, const FILE_BASIC_INFORMATION* pBasic,
+                               const FILE_STANDARD_INFORMATION* pStandard, UCHAR bMarkerStreamPresent,
+                               PUCHAR pbUploadCancelled, PUCHAR pbLocked, PUCHAR pbTrackDirtyBlocks,
+                               OwnedString** ppstrSignatureName)
+{
+    PIO_SECURITY_CONTEXT pSecurityContext = Data->Iopb->Parameters.Create.SecurityContext;
+    ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
+
+    NTSTATUS status = ServiceRequest_ObjectDownloadIfRequired(
+        pstrSid, pstrPath, pBasic, pStandard, bMarkerStreamPresent, pbUploadCancelled, pbLocked, FltObjects,
+        Data->Iopb, pbTrackDirtyBlocks, DownloadRequesterProcessId(pstrPath));
+    if (NT_ERROR(status)) {
+        // Any failure but a refusal opens the file as it lies on the disk.
+        TRACE_ERROR("ServiceRequest_ObjectDownloadIfRequired for file [%wZ] failed, status: 0x%x", pstrPath, status);
+    }
+    if (NT_SUCCESS(status) && (DesiredAccess & DELETE) == 0 && (DesiredAccess & ACCESS_REQUIRING_SIGNATURE) != 0) {
+        *ppstrSignatureName = RequestSignature(pstrSid, pstrPath, FltObjects, Data->Iopb);
+    }
+    return status;
+}
+
+// Notes in the record what its cleanup must do, of these the first that fits: delete a file opened
+// to be deleted (an upload held back for it is moot), or remember the held-back upload, which the
+// first write cancels. IRQL: PASSIVE_LEVEL.
+static VOID NoteWorkAtCleanup(FileContext* pContext, ULONG ulCreateOptions, UCHAR bUploadCancelled)
+{
+    const bool bHasPath = pContext->pstrPath->Length != 0;
+    if ((ulCreateOptions & FILE_DELETE_ON_CLOSE) != 0) {
+        if (bHasPath) {
+            TRACE_INFO("Created context [0x%p] for file [%wZ], ON_CLOSE_DELETE_ON_CLOSE set", pContext,
+                       pContext->pstrPath);
+        }
+        pContext->OnClose |= ON_CLOSE_DELETE_ON_CLOSE;
+    } else if (bUploadCancelled) {
+        if (bHasPath) {
+            TRACE_INFO("Created context [0x%p] for file [%wZ], ON_CLOSE_UPLOAD set", pContext, pContext->pstrPath);
+        }
+        pContext->bUploadCancelled = 1;
+    } else if (bHasPath) {
+        TRACE_INFO("Created context [0x%p] for file [%wZ]", pContext, pContext->pstrPath);
+    }
+}
+
 FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                             PCUNICODE_STRING pstrPath, PCUNICODE_STRING pstrSid,
                                             UCHAR bForeignUserAccess, const FILE_BASIC_INFORMATION* pBasic,
@@ -59,8 +108,7 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
                                             PVOID* CompletionContext)
 {
     PFLT_IO_PARAMETER_BLOCK Iopb = Data->Iopb;
-    PIO_SECURITY_CONTEXT pSecurityContext = Iopb->Parameters.Create.SecurityContext;
-    ACCESS_MASK DesiredAccess = pSecurityContext != nullptr ? pSecurityContext->DesiredAccess : 0;
+    FLT_PREOP_CALLBACK_STATUS callbackStatus = FLT_PREOP_SUCCESS_NO_CALLBACK;
     OwnedString* pstrSignatureName = nullptr;
     FileContext* pContext = nullptr;
     UCHAR bUploadCancelled = 0;
@@ -74,25 +122,13 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
     // path that wasn't found may be a file about to be created: the service hears of it.
     if (!bForeignUserAccess &&
         !(AreFileAttributesKnown(pBasic) && (pBasic->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)) {
-        // The request carries the caller's own share access: the widening comes after it.
-        status = ServiceRequest_ObjectDownloadIfRequired(pstrSid, pstrPath, pBasic, pStandard, bMarkerStreamPresent,
-                                                         &bUploadCancelled, &bLocked, FltObjects, Iopb,
-                                                         &bTrackDirtyBlocks, DownloadRequesterProcessId(pstrPath));
-        if (NT_ERROR(status)) {
-            TRACE_ERROR("ServiceRequest_ObjectDownloadIfRequired for file [%wZ] failed, status: 0x%x", pstrPath,
-                        status);
-            if (IsDownloadRefusal(status)) {
-                Data->IoStatus.Status = status;
-                Data->IoStatus.Information = 0;
-                return FLT_PREOP_COMPLETE;
-            }
-            // Any other failure opens the file as it lies on the disk: a failed request wrote no
-            // flag.
-        }
-        // A time-out is no error: the open goes on, and may still need its signature.
-        if (NT_SUCCESS(status) && (DesiredAccess & DELETE) == 0 &&
-            (DesiredAccess & ACCESS_REQUIRING_SIGNATURE) != 0) {
-            pstrSignatureName = RequestSignature(pstrSid, pstrPath, FltObjects, Iopb);
+        status = RequestContent(Data, FltObjects, pstrPath, pstrSid, pBasic, pStandard, bMarkerStreamPresent,
+                                &bUploadCancelled, &bLocked, &bTrackDirtyBlocks, &pstrSignatureName);
+        if (IsDownloadRefusal(status)) {
+            Data->IoStatus.Status = status;
+            Data->IoStatus.Information = 0;
+            callbackStatus = FLT_PREOP_COMPLETE;
+            goto Exit;
         }
     }
 
@@ -103,8 +139,7 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
     status = CreateContext(Iopb->TargetFileObject, pstrPath, pstrSid, &pContext);
     if (!NT_SUCCESS(status)) {
         TRACE_INFO("[EXIT] Failed to create context. Returning FLT_PREOP_SUCCESS_NO_CALLBACK");
-        FreeUnicodeString(&pstrSignatureName);
-        return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        goto Exit;
     }
     pContext->bForeignUserAccess = bForeignUserAccess;
     pContext->bLocked = bLocked;
@@ -116,32 +151,20 @@ FLT_PREOP_CALLBACK_STATUS FollowManagedOpen(PFLT_CALLBACK_DATA Data, PCFLT_RELAT
             TRACE_ERROR("Failed to create/retrieve dirty block record (0x%08x)", status);
         }
     }
-
-    // A file opened to be deleted goes at its cleanup; an upload held back for it is moot.
-    if ((Iopb->Parameters.Create.Options & FILE_DELETE_ON_CLOSE) != 0) {
-        if (pstrPath->Length != 0) {
-            TRACE_INFO("Created context [0x%p] for file [%wZ], ON_CLOSE_DELETE_ON_CLOSE set", pContext,
-                       pContext->pstrPath);
-        }
-        pContext->OnClose |= ON_CLOSE_DELETE_ON_CLOSE;
-    } else if (bUploadCancelled) {
-        // The first write tells the service that the held-back upload is off, and sets the upload.
-        if (pstrPath->Length != 0) {
-            TRACE_INFO("Created context [0x%p] for file [%wZ], ON_CLOSE_UPLOAD set", pContext, pContext->pstrPath);
-        }
-        pContext->bUploadCancelled = 1;
-    } else if (pstrPath->Length != 0) {
-        TRACE_INFO("Created context [0x%p] for file [%wZ]", pContext, pContext->pstrPath);
-    }
-
+    NoteWorkAtCleanup(pContext, Iopb->Parameters.Create.Options, bUploadCancelled);
     if (pstrSignatureName != nullptr) {
         pContext->pstrSignatureName = pstrSignatureName;
         pContext->bSignatureRequired = 1;
+        pstrSignatureName = nullptr;
     }
 
     // Only now may other threads find the record.
     (VOID) AddContextToContextTable(pContext);
     *CompletionContext = pContext;
     TRACE_INFO("[EXIT] Returning FLT_PREOP_SUCCESS_WITH_CALLBACK");
-    return FLT_PREOP_SUCCESS_WITH_CALLBACK;
+    callbackStatus = FLT_PREOP_SUCCESS_WITH_CALLBACK;
+
+Exit:
+    FreeUnicodeString(&pstrSignatureName);
+    return callbackStatus;
 }

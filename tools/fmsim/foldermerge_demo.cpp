@@ -3,12 +3,14 @@
 // two users' folders and a blacklist; opens by users, processes and modes, each with what its
 // caller got, the gate's trace lines for it and the verdict read from the two; the Config port's
 // departure and the same opens in pass-through mode; the next configuration; the driver's requests
-// crossing the Thread port to a scripted service and its replies; the service's departure; and the
+// crossing the Thread port to a scripted service and its replies; the road of one open, from the
+// caller's open to its close, beside the requests it makes; the service's departure; and the
 // unload, with the pool accounting of the filter's tag.
 //
 // Every result printed is one the run produced. Each is compared with what the filter should give;
 // any difference is marked on its line and the scene exits with 1.
 #include "demo_requests.hpp"
+#include "demo_road.hpp"
 #include "describe.hpp"
 #include "expectations.hpp"
 #include "gate_opens.hpp"
@@ -383,6 +385,12 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
                              .fileDevicePath = kSystemVolume + OnVolume(alicePlan),
                              .fileSize = system->Content(OnVolume(alicePlan)).value_or("").size()},
                             [&] { scene.Traces(traces.Take()); });
+
+        // ---- the road of one open ----
+        scene.Heading("The road of one open: alice opens her plan, writes it and closes it");
+        ShowRoadOfOneOpen(out, expect,
+                          {.userName = "alice", .user = alice, .volume = system, .volumePath = OnVolume(alicePlan)});
+        out << "  (" << traces.Take().size() << " trace lines of the filter on the way, not shown)\n";
 
         // ---- the service leaves ----
         scene.Heading("The service leaves");

@@ -25,7 +25,7 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out);
 inline constexpr Scene kScenes[] = {
     {"demo",
      "FolderMerge on ntsim: a service configures it, the gate judges opens, pass-through mode, requests "
-     "to the service, unload",
+     "to the service, the road of one open, unload",
      FolderMergeDemo},
     {"platform-demo",
      "a logging filter on ntsim watches a user process create, write, list, rename and close files on C:",
