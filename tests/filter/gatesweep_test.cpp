@@ -22,24 +22,24 @@
 // way to the classification (the path and the SID); the rest are the lookups' copies, the process
 // image name (an allocation, the name query twice and its buffer), the exclusion test of a managed
 // open (its two copies of the path, the user record and its SID, the request to the service, the
-// cached verdict) and the trace writes:
-//   own folder 31, another user's folder 33, blacklisted in own folder 13, blacklisted in another
-//   user's folder 13, not managed 8, dummy file 27, read-only refusal 32, merge folder deletion
-//   refusal 31, stream path 32, kernel mode for attributes 9, kernel mode for content 33, relative
-//   open 32, short-name path 35 (the long name: the name query, its record and the filter's copy).
+// cached verdict), the file's information read below the filter, the record that follows a managed
+// open (no service is connected, so its requests fail at once) and the trace writes:
+//   own folder 67, another user's folder 62, blacklisted in own folder 13, blacklisted in another
+//   user's folder 13, not managed 8, dummy file 63, read-only refusal 35, merge folder deletion
+//   refusal 34, stream path 35, kernel mode for attributes 9, kernel mode for content 36, relative
+//   open 35, short-name path 38 (the long name: the name query, its record and the filter's copy).
+#include "sweep_fixture.hpp"
 #include "trace_fixture.hpp"
 
 #include <ntsim/sim/faults.hpp>
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/process.hpp>
-#include <ntsim/sim/verifier.hpp>
 
 #include <algorithm>
 #include <cstdio>
 #include <set>
 #include <sstream>
 
-#include "user.h"
 
 namespace foldermerge::testing {
 
@@ -86,10 +86,6 @@ constexpr uint64_t kPathAndSidPoints = 8;
 // What the open gives when the file system alone serves it: every open here opens what exists.
 constexpr OpenResult kPassed{STATUS_SUCCESS, FILE_OPENED};
 
-std::string PointName(const ntsim::faults::InjectedFailure& failure)
-{
-    return failure.tag != 0 ? "pool '" + ntsim::pool::TagText(failure.tag) + "'" : failure.routine;
-}
 
 struct OpenCase {
     std::string name;
@@ -197,48 +193,21 @@ protected:
     std::vector<std::string> Sweep(const OpenCase& openCase, const std::shared_ptr<ntsim::Process>& process,
                                    HANDLE root, Persistence persistence)
     {
-        const char* kind = persistence == Persistence::Once ? "once" : "from there on";
         std::vector<std::string> points;
         for (uint64_t n = 1;; n++) {
-            // Each run starts without user records, so that an open's exclusion test takes the
-            // cache's miss: the record made, the service asked, the verdict cached. The records go
-            // again before the pool is compared.
-            ClearUserRecords();
-            const ntsim::pool::Usage filterPool = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
-            ntsim::pool::Checkpoint checkpoint;
-            std::vector<ntsim::verifier::BugCheckRecord> bugchecks;
-            std::vector<ntsim::faults::InjectedFailure> injected;
             OpenResult result;
-            {
-                ntsim::verifier::BugCheckCapture capture;
-                ntsim::faults::Reset();
-                ntsim::faults::FailNthPointOf(FilterWork(), n, STATUS_INSUFFICIENT_RESOURCES, persistence);
-                result = Open(openCase, process, root);
-                injected = ntsim::faults::Injected();
-                ntsim::faults::Reset();
-                bugchecks = capture.Take();
-            }
-            const std::string where = openCase.name + ", point " + std::to_string(n) +
-                                      (injected.empty() ? " (none left)" : " (" + PointName(injected[0]) + ")") +
-                                      " failed " + kind;
-
-            if (injected.empty()) {
-                EXPECT_EQ(result, openCase.verdict) << where << ": " << Describe(result);
-            } else {
-                points.push_back(PointName(injected[0]));
-                EXPECT_TRUE(result == openCase.verdict || (openCase.verdict == kRefused && result == kPassed))
-                    << where << ": the caller saw " << Describe(result) << ", expected " << Describe(openCase.verdict)
-                    << (openCase.verdict == kRefused ? " or the open passing" : "");
-            }
-            ClearUserRecords();
-            std::vector<ntsim::pool::Allocation> leaks = checkpoint.Leaks();
-            EXPECT_TRUE(leaks.empty()) << where << ": left in pool\n" << ntsim::pool::FormatReport(leaks);
-            const ntsim::pool::Usage after = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
-            EXPECT_EQ(after.liveCount, filterPool.liveCount) << where;
-            EXPECT_EQ(after.liveBytes, filterPool.liveBytes) << where;
-            for (const auto& record : bugchecks) {
-                ADD_FAILURE() << where << ": bugcheck " << record.rule << "\n" << record.detail;
-            }
+            const auto injected = RunWithNthPointFailed(
+                FilterWork(), n, persistence, openCase.name, [&] { result = Open(openCase, process, root); },
+                [&](const std::vector<ntsim::faults::InjectedFailure>& failed, const std::string& where) {
+                    if (failed.empty()) {
+                        EXPECT_EQ(result, openCase.verdict) << where << ": " << Describe(result);
+                        return;
+                    }
+                    points.push_back(PointName(failed[0]));
+                    EXPECT_TRUE(result == openCase.verdict || (openCase.verdict == kRefused && result == kPassed))
+                        << where << ": the caller saw " << Describe(result) << ", expected "
+                        << Describe(openCase.verdict) << (openCase.verdict == kRefused ? " or the open passing" : "");
+                });
             if (injected.empty() || ::testing::Test::HasFatalFailure()) {
                 break;
             }

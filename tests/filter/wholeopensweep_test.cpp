@@ -16,13 +16,13 @@
 //   - no file context or dirty block record is left, the pool is as it was, and the verifier
 //     reported nothing.
 #include "filter_fixture.hpp"
+#include "sweep_fixture.hpp"
 
 #include <foldermerge/service/responder.hpp>
 
 #include <ntsim/sim/faults.hpp>
 #include <ntsim/sim/pool.hpp>
 #include <ntsim/sim/process.hpp>
-#include <ntsim/sim/verifier.hpp>
 
 #include <cstdio>
 #include <mutex>
@@ -31,7 +31,6 @@
 #include "context.h"
 #include "dirtyblocktracking.h"
 #include "servicerequests.h"
-#include "user.h"
 
 namespace foldermerge::testing {
 namespace {
@@ -55,10 +54,6 @@ ntsim::faults::PointSet FilterWork()
                          "FltGetVolumeInstanceFromName"}};
 }
 
-std::string PointName(const ntsim::faults::InjectedFailure& failure)
-{
-    return failure.tag != 0 ? "pool '" + ntsim::pool::TagText(failure.tag) + "'" : failure.routine;
-}
 
 // What the caller saw of one road: the open's status and information, the write's status if
 // any, the close's status.
@@ -163,50 +158,28 @@ protected:
     // points failed.
     size_t Sweep(const Road& road, const CallerView& expected, Persistence persistence)
     {
-        const char* kind = persistence == Persistence::Once ? "once" : "from there on";
         size_t points = 0;
         for (uint64_t n = 1;; n++) {
-            // No user records: each run's exclusion test misses its cache and asks the service.
-            ClearUserRecords();
-            const ntsim::pool::Usage filterPool = ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG);
-            ntsim::pool::Checkpoint checkpoint;
-            std::vector<ntsim::verifier::BugCheckRecord> bugchecks;
-            std::vector<ntsim::faults::InjectedFailure> injected;
             Codes requests;
             CallerView seen;
-            {
-                ntsim::verifier::BugCheckCapture capture;
-                ntsim::faults::Reset();
-                ntsim::faults::FailNthPointOf(FilterWork(), n, STATUS_INSUFFICIENT_RESOURCES, persistence);
-                seen = Travel(road, &requests);
-                injected = ntsim::faults::Injected();
-                ntsim::faults::Reset();
-                bugchecks = capture.Take();
-            }
-            const std::string where = road.name + ", point " + std::to_string(n) +
-                                      (injected.empty() ? " (none left)" : " (" + PointName(injected[0]) + ")") +
-                                      " failed " + kind;
-
-            EXPECT_EQ(seen, expected) << where;
-            EXPECT_EQ(volume_->Content(kVolumePath), road.contentAfter) << where;
-            if (injected.empty()) {
-                EXPECT_EQ(requests, road.requests) << where;
-            } else {
-                points++;
-                EXPECT_TRUE(IsSubsequence(requests, road.requests)) << where << ": " << ::testing::PrintToString(requests);
-            }
-            EXPECT_EQ(g_ContextList, nullptr) << where;
-            EXPECT_EQ(g_DirtyBlockFileList, nullptr) << where;
-            ClearUserRecords();
-            std::vector<ntsim::pool::Allocation> leaks = checkpoint.Leaks();
-            EXPECT_TRUE(leaks.empty()) << where << ": left in pool\n" << ntsim::pool::FormatReport(leaks);
-            EXPECT_EQ(ntsim::pool::UsageOfTag(FOLDERMERGE_POOL_TAG).liveCount, filterPool.liveCount) << where;
-            for (const auto& record : bugchecks) {
-                ADD_FAILURE() << where << ": bugcheck " << record.rule << "\n" << record.detail;
-            }
+            const auto injected = RunWithNthPointFailed(
+                FilterWork(), n, persistence, road.name, [&] { seen = Travel(road, &requests); },
+                [&](const std::vector<ntsim::faults::InjectedFailure>& failed, const std::string& where) {
+                    EXPECT_EQ(seen, expected) << where;
+                    EXPECT_EQ(volume_->Content(kVolumePath), road.contentAfter) << where;
+                    if (failed.empty()) {
+                        EXPECT_EQ(requests, road.requests) << where;
+                    } else {
+                        EXPECT_TRUE(IsSubsequence(requests, road.requests))
+                            << where << ": " << ::testing::PrintToString(requests);
+                    }
+                    EXPECT_EQ(g_ContextList, nullptr) << where;
+                    EXPECT_EQ(g_DirtyBlockFileList, nullptr) << where;
+                });
             if (injected.empty() || ::testing::Test::HasFailure()) {
                 break;
             }
+            points++;
         }
         return points;
     }
