@@ -11,7 +11,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreQueryEa(PFLT_CALLBACK_DATA Data,
     if (pContext == nullptr) {
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
-    if (pContext->pstrPath != nullptr && pContext->pstrPath->Buffer != nullptr) {
+    if (StringHasText(pContext->pstrPath)) {
         TRACE_INFO("PreQueryEa on file: %wZ", pContext->pstrPath);
     }
     if (FLT_IS_FASTIO_OPERATION(Data)) {
@@ -31,7 +31,7 @@ FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostQueryEa(PFLT_CALLBACK_DATA Dat
     // The record outlives the query: it goes only at the close of its file object, after all
     // other I/O on it. The line is the same as the pre-callback's.
     const FileContext* pContext = (const FileContext*)CompletionContext;
-    if (pContext != nullptr && pContext->pstrPath != nullptr && pContext->pstrPath->Buffer != nullptr) {
+    if (pContext != nullptr && StringHasText(pContext->pstrPath)) {
         TRACE_INFO("PreQueryEa on file: %wZ", pContext->pstrPath);
     }
     return FLT_POSTOP_FINISHED_PROCESSING;

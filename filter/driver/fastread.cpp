@@ -29,7 +29,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreMaybeFastio(PFLT_CALLBACK_DATA D
     if (pContext == nullptr) {
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
-    if (pContext->pstrPath != nullptr && pContext->pstrPath->Buffer != nullptr) {
+    if (StringHasText(pContext->pstrPath)) {
         TRACE_INFO("Entering FileName [%wZ]", pContext->pstrPath);
     }
     return FLT_IS_FASTIO_OPERATION(Data) ? FLT_PREOP_DISALLOW_FASTIO : FLT_PREOP_SUCCESS_NO_CALLBACK;

@@ -22,11 +22,6 @@
 #include "operations.h"
 #include "trace.h"
 
-static bool HasText(PCUNICODE_STRING pString)
-{
-    return pString != nullptr && pString->Buffer != nullptr;
-}
-
 // Clears bValid of a flush record: from here on only its close finds it.
 static VOID ExpireFlushContext(FileContext* pContext)
 {
@@ -53,7 +48,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreAcquireCcFlush(PFLT_CALLBACK_DAT
     // followed.
     if (ExGetPreviousMode() == KernelMode) {
         PFILE_OBJECT pFileObject = Data->Iopb->TargetFileObject;
-        if (pFileObject != nullptr && HasText(&pFileObject->FileName)) {
+        if (pFileObject != nullptr && StringHasText(&pFileObject->FileName)) {
             TRACE_INFO("Exiting. Previous Mode==KernelMode FileName [%wZ]", &pFileObject->FileName);
         }
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
@@ -121,7 +116,7 @@ FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostAcquireCcFlush(PFLT_CALLBACK_D
     UNREFERENCED_PARAMETER(Flags);
     // Reached only with the record the pre-callback made.
     FileContext* pContext = (FileContext*)CompletionContext;
-    if (HasText(pContext->pstrPath)) {
+    if (StringHasText(pContext->pstrPath)) {
         TRACE_INFO("Entering FileName [%wZ]", pContext->pstrPath);
     }
     // A failed acquire has no release to expire the record; neither has one of a file that is
@@ -145,7 +140,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreReleaseCcFlush(PFLT_CALLBACK_DAT
     if (pContext == nullptr) {
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
-    if (HasText(pContext->pstrPath)) {
+    if (StringHasText(pContext->pstrPath)) {
         TRACE_INFO("Entering FileName [%wZ]", pContext->pstrPath);
     }
     if (FLT_IS_FASTIO_OPERATION(Data)) {

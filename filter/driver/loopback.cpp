@@ -35,18 +35,13 @@ bool IsMupPath(PCUNICODE_STRING pPath)
     return pPath->Length >= MUP_PATH_MIN_BYTES && RtlPrefixUnicodeString(&g_MupPrefix, pPath, TRUE) != FALSE;
 }
 
-static bool HasText(PCUNICODE_STRING pString)
-{
-    return pString != nullptr && pString->Buffer != nullptr;
-}
-
 NTSTATUS CreateTrackedMupRecord(OwnedString* pstrPath, HANDLE ProcessId, TrackedMupAccess** ppRecord)
 {
     if (ppRecord == nullptr) {
         FreeUnicodeString(&pstrPath);
         return STATUS_INVALID_PARAMETER;
     }
-    if (HasText(pstrPath)) {
+    if (StringHasText(pstrPath)) {
         TRACE_INFO("Tracking MUP record for [%wZ], pid:%d", pstrPath, TRACE_PID(ProcessId));
     }
     // Only ever touched at PASSIVE_LEVEL: paged pool.
@@ -69,7 +64,7 @@ bool AddToTrackedMupAccessList(TrackedMupAccess* pRecord)
     if (pRecord == nullptr) {
         return false;
     }
-    if (HasText(pRecord->pstrPath)) {
+    if (StringHasText(pRecord->pstrPath)) {
         TRACE_INFO("Adding [%wZ] to tracked Mup access list", pRecord->pstrPath);
     }
     // At the head: of two records of one path, the newer is found first.
@@ -98,7 +93,7 @@ HANDLE FindTrackedMupPID(PCUNICODE_STRING pPath)
         }
     }
     ReleaseLock(g_MupLock);
-    if (HasText(pPath)) {
+    if (StringHasText(pPath)) {
         if (bFound) {
             TRACE_INFO("Found [%wZ], pid:%d", pPath, TRACE_PID(ProcessId));
         } else {
@@ -272,7 +267,7 @@ Exit:
 
 VOID EndTrackedMupAccess(TrackedMupAccess* pRecord)
 {
-    if (HasText(pRecord->pstrPath)) {
+    if (StringHasText(pRecord->pstrPath)) {
         TRACE_INFO("Deleting MUP tracking record [0x%p] for [%wZ]", pRecord, pRecord->pstrPath);
     }
     (VOID) RemoveFromTrackedMupAccessList(pRecord);
