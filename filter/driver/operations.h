@@ -1,8 +1,9 @@
 // The operation callbacks of the filter's operation table, and the instance callbacks.
 //
-// Every pre-operation callback runs in the caller's thread at or below APC_LEVEL. The post-create
-// runs at PASSIVE_LEVEL in the thread of the open; the post-callbacks of cleanup and close too,
-// since their pre-callbacks synchronize.
+// Every pre-operation callback runs in the caller's thread at or below APC_LEVEL. A post-operation
+// callback may run at DISPATCH_LEVEL in any thread, unless its pre-callback synchronized; the
+// post-create runs at PASSIVE_LEVEL in the thread of the open, and the post-callbacks of cleanup
+// and close there too, since their pre-callbacks synchronize.
 #pragma once
 
 #include <fltKernel.h>

@@ -18,6 +18,7 @@
 #include "dirtyblocktracking.h"
 #include "driver/globals.h"
 #include "driver/operations.h"
+#include "driver/ownedstring.h"
 #include "servicerequests.h"
 
 namespace foldermerge::testing {
@@ -462,6 +463,39 @@ TEST_F(WholeOpen, PassThroughModeArrivingBetweenThePreAndPostCallbacksSendsNothi
     Close(handle);
     EXPECT_EQ(g_PassThrough, 1);
     EXPECT_EQ(NewCodes(), Codes{});
+
+    BelowFilter::script().pre = nullptr;
+    EXPECT_EQ(ntsim::UnloadFilter(u"BelowFolderMerge"), STATUS_SUCCESS);
+    BelowFilter::script() = {};
+}
+
+// The dummy file of a redirected open goes with its cleanup, even a cleanup that failed below the
+// filter; the service then hears nothing, and the record ends at the close.
+TEST_F(WholeOpen, TheDummyFileGoesAtCleanupEvenWhenTheCleanupFailsAndTheServiceHearsNothing)
+{
+    const std::u16string dummy = u"\\Data\\vm_redirected_a2210125-0016-41ce-b6e7-495eee531977";
+    volume_->SeedFile(dummy, "");
+    ASSERT_EQ(service_.Connect(), S_OK);
+    using BelowFilter = iotest::TestFilter<0>;
+    ASSERT_EQ(ntsim::LoadFilter(BelowFilter::DriverEntry, {.name = u"BelowFolderMerge", .altitude = u"100000"}),
+              STATUS_SUCCESS);
+    BelowFilter::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        if (data->Iopb->MajorFunction != IRP_MJ_CLEANUP) {
+            return FLT_PREOP_SUCCESS_NO_CALLBACK;
+        }
+        data->IoStatus.Status = STATUS_UNSUCCESSFUL;
+        return FLT_PREOP_COMPLETE;
+    };
+    HANDLE handle = nullptr;
+    ASSERT_EQ(Open(kPath, FILE_GENERIC_READ, kShareAll, &handle).status, STATUS_SUCCESS);
+    NewCodes();
+    ntsim::UnicodeStringHolder dummyPath(u"\\Device\\HarddiskVolume2" + dummy);
+    RecordOf(handle)->pstrTemporaryFile = CopyUnicodeString(dummyPath.get());
+    Close(handle);
+    EXPECT_FALSE(volume_->Exists(dummy));
+    // The deletion opens the dummy file through the whole stack, and the gate treats it as any
+    // open of a dummy file; no unlock follows the failed cleanup.
+    EXPECT_EQ(NewCodes(), Codes{kDownload});
 
     BelowFilter::script().pre = nullptr;
     EXPECT_EQ(ntsim::UnloadFilter(u"BelowFolderMerge"), STATUS_SUCCESS);
