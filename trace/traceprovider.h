@@ -24,16 +24,19 @@ NTSTATUS SetTracingEnabled(const SetTracingEnabledMessage* pMessage);
 // Takes g_TraceLock. IRQL: PASSIVE_LEVEL.
 NTSTATUS RegisterTraceProvider(TraceProvider** ppProvider);
 
-// Unregisters g_TraceProvider and frees it with its module name; the caller sets g_TraceProvider
-// to null, under g_TraceLock. STATUS_INVALID_PARAMETER when no provider is registered, else
-// EtwUnregister's status. Takes g_TraceLock. IRQL: PASSIVE_LEVEL.
+// Unregisters g_TraceProvider and frees it with its module name. Under g_TraceLock the record is
+// taken out of use (g_TraceProvider null, the gate closed, its enable callbacks ignored); EtwUnregister
+// and the frees come after the lock is released, since EtwUnregister waits for enable callbacks that
+// wait for the lock. STATUS_INVALID_PARAMETER when no provider is registered, else EtwUnregister's
+// status. Must not be called with g_TraceLock held. IRQL: PASSIVE_LEVEL.
 NTSTATUS UnregisterTraceProvider();
 
 // The ETW enable callback: a non-zero ControlCode stores the level and both keywords in the
-// record (CallbackContext); 0 stores 0 in all three. Takes g_TraceLock.
+// record (CallbackContext); 0 stores 0 in all three. A record that is being unregistered is left
+// as it is. Takes g_TraceLock.
 VOID NTAPI TraceEnableCallback(LPCGUID SourceId, ULONG ControlCode, UCHAR Level, ULONGLONG MatchAnyKeyword,
                                ULONGLONG MatchAllKeyword, PEVENT_FILTER_DESCRIPTOR FilterData, PVOID CallbackContext);
 
-// Ends tracing at unload: unregisters the provider, if any, and sets g_TraceProvider to null, all
-// under g_TraceLock. IRQL: PASSIVE_LEVEL.
+// Ends tracing at unload: unregisters the provider, if any, which sets g_TraceProvider to null.
+// IRQL: PASSIVE_LEVEL.
 VOID StopTracing();

@@ -150,7 +150,7 @@ VOID MarkBlockDirty(TrackedDirtyBlockFile* pRecord, LONGLONG llOffset, ULONG ulL
     if (!bWithinReach) {
         MarkWholeFileDirty(pRecord);
         KeReleaseSpinLock(&pRecord->lock, oldIrql);
-        TRACE_WARNING("A write at offset %lld can't be placed in the map: the whole file is dirty", llOffset);
+        TRACE_ERROR("A write at offset %lld can't be placed in the map: the whole file is dirty", llOffset);
         return;
     }
     status = ResizeMap(pRecord, ulLastBlock >> 3);

@@ -61,7 +61,7 @@ static VOID WriteBackLastMap(TrackedDirtyBlockFile* pRecord)
     PFLT_INSTANCE pInstance = nullptr;
 
     if (g_ServiceData.FilterHandle == nullptr) {
-        TRACE_WARNING("No filter to write the dirty block map of [%wZ] with", pRecord->filePath);
+        TRACE_ERROR("No filter to write the dirty block map of [%wZ] with", pRecord->filePath);
         return;
     }
     if (NT_SUCCESS(GetVolumeInstanceForPath(g_ServiceData.FilterHandle, pRecord->filePath, &pInstance))) {

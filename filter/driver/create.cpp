@@ -14,6 +14,7 @@
 #include "fileaccess.h"
 #include "globals.h"
 #include "identity.h"
+#include "loopback.h"
 #include "mergefolders.h"
 #include "operations.h"
 #include "ownedstring.h"
@@ -24,20 +25,10 @@
 static const UNICODE_STRING g_DummyFileText =
     RTL_CONSTANT_STRING(L"vm_redirected_a2210125-0016-41ce-b6e7-495eee531977");
 
-// \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
-static const UNICODE_STRING g_MupPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\");
-static const UNICODE_STRING g_MupLoopbackPrefix = RTL_CONSTANT_STRING(L"\\Device\\Mup\\127.0.0.1\\");
-#define MUP_PATH_MIN_BYTES 24
-
-static bool IsLoopbackMupPath(PCUNICODE_STRING pPath)
-{
-    return RtlPrefixUnicodeString(&g_MupLoopbackPrefix, pPath, TRUE) != FALSE;
-}
-
+// A share on another machine: a path of the MUP device that isn't under the loopback share.
 static bool IsRemoteMupPath(PCUNICODE_STRING pPath)
 {
-    return pPath->Length >= MUP_PATH_MIN_BYTES && RtlPrefixUnicodeString(&g_MupPrefix, pPath, TRUE) &&
-           !IsLoopbackMupPath(pPath);
+    return IsMupPath(pPath) && !IsLoopbackMupPath(pPath);
 }
 
 FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
@@ -93,18 +84,20 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     // Short names to long names; on failure the path stays as it is.
     (VOID) NormalizeFilePath(Data, &pstrPath);
 
-    // A kernel-mode open counts only if it touches content.
+    // A kernel-mode open counts only if it touches content, or if it is the file server's open for
+    // a loopback access in flight.
     if (ExGetPreviousMode() == KernelMode) {
-        if ((DesiredAccess & ACCESS_REQUIRING_DOWNLOAD) == 0) {
+        if ((DesiredAccess & ACCESS_REQUIRING_DOWNLOAD) == 0 && FindTrackedMupPID(pstrPath) == nullptr) {
             TRACE_INFO("[EXIT] Previous mode is KernelMode");
             goto Exit;
         }
         TRACE_INFO("Previous mode is KernelMode but access requires download");
     }
 
-    // The loopback share. Such an open is carried over to the local open it causes by the MUP
-    // access records, which this build doesn't keep yet: it passes.
+    // The loopback share: the open is tracked for the local open it causes, and goes on down the
+    // redirector with nothing else done to it.
     if (IsLoopbackMupPath(pstrPath)) {
+        callbackStatus = TrackLoopbackAccess(Data, FltObjects, pstrPath, CompletionContext);
         goto Exit;
     }
 

@@ -7,6 +7,7 @@
 #include "globals.h"
 #include "locks.h"
 #include "operations.h"
+#include "loopback.h"
 #include "ownedstring.h"
 #include "ports.h"
 #include "registration.h"
@@ -119,16 +120,17 @@ static VOID ReleaseFilter()
     // The file contexts go first: they hold references on tracked dirty block files. The maps
     // still live are not written back: the filter is unregistered and has no handle to write with,
     // and a file that stays open after the unload can be written unseen, so their next load starts
-    // wholly dirty. MUP access records are emptied here once the filter keeps them. The
+    // wholly dirty. The loopback access records left are those of opens that the unload overtook. The
     // configuration's clearing has taken the user records out; with no callback left, none is
     // still held.
     DeleteAllContexts();
     ClearTrackedDirtyBlockFileList();
+    ClearTrackedMupAccessList();
     ClearUserRecords();
     DeleteStreamStringTable();
     (VOID) DeleteContextLock();
     (VOID) DeleteTrackedDirtyBlockFileListLock();
-    (VOID) DeleteDriverLock(&g_MupLock);
+    (VOID) DeleteTrackedMupAccessListLock();
     (VOID) DeleteUserListLock();
     (VOID) DeleteDriverLock(&g_TraceLock);
 }
@@ -144,6 +146,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING Reg
     RtlZeroMemory(&g_ServiceData, sizeof(g_ServiceData));
     g_PassThrough = 0;
     g_DirtyBlockFileList = nullptr;
+    g_MupAccessList = nullptr;
     g_PoolType = NonPagedPool;
 
     // Non-executable non-paged pool exists from NT 6.2 on.

@@ -11,6 +11,7 @@
 #include "dirtyblocktracking.h"
 #include "fileaccess.h"
 #include "globals.h"
+#include "loopback.h"
 #include "servicerequests.h"
 #include "trace.h"
 
@@ -42,13 +43,13 @@ static OwnedString* RequestSignature(PCUNICODE_STRING pstrSid, PCUNICODE_STRING 
     return pstrSignatureName;
 }
 
-// The process for which the service brings the content: the one whose thread makes the open. An
-// open that the loopback server makes for another process stands for that process instead, once
-// loopback accesses are tracked. IRQL: PASSIVE_LEVEL.
+// The process for which the service brings the content: the one whose thread makes the open. The
+// file server's open of a file that a loopback access has in flight stands for the process that
+// made that access. Null, which the request takes for the current process, when there is none.
+// IRQL: PASSIVE_LEVEL.
 static HANDLE DownloadRequesterProcessId(PCUNICODE_STRING pstrPath)
 {
-    UNREFERENCED_PARAMETER(pstrPath);
-    return PsGetCurrentProcessId();
+    return FindTrackedMupPID(pstrPath);
 }
 
 // Asks the service to bring the file's content to the disk and, for an open that writes without

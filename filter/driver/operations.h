@@ -22,6 +22,42 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
 FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCreate(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
                                                         PVOID CompletionContext, FLT_POST_OPERATION_FLAGS Flags);
 
+// ---- read, fast I/O, cache flush, extended attributes ----
+// A file object with a valid record is seen through IRPs only: the fast path of its reads and EA
+// queries is refused (FLT_PREOP_DISALLOW_FASTIO), and an IRP read passes
+// (FLT_PREOP_SUCCESS_NO_CALLBACK); the fast I/O check is refused for every file.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreMaybeFastio(PFLT_CALLBACK_DATA Data,
+                                                           PCFLT_RELATED_OBJECTS FltObjects,
+                                                           PVOID* CompletionContext);
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreFastIoCheckIfPossible(PFLT_CALLBACK_DATA Data,
+                                                                     PCFLT_RELATED_OBJECTS FltObjects,
+                                                                     PVOID* CompletionContext);
+// A user-mode flush of a managed file object without a valid record gets a record for the flush
+// (the acquire hands it to its post-callback), which a failed acquire or the release expires; the
+// acquire of a read-only merge folder's flush is refused (FLT_PREOP_COMPLETE, STATUS_ACCESS_DENIED).
+// The release hands any valid record to its post-callback. Post-callbacks run in the flushing
+// thread and always return FLT_POSTOP_FINISHED_PROCESSING.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreAcquireCcFlush(PFLT_CALLBACK_DATA Data,
+                                                              PCFLT_RELATED_OBJECTS FltObjects,
+                                                              PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostAcquireCcFlush(PFLT_CALLBACK_DATA Data,
+                                                                PCFLT_RELATED_OBJECTS FltObjects,
+                                                                PVOID CompletionContext,
+                                                                FLT_POST_OPERATION_FLAGS Flags);
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreReleaseCcFlush(PFLT_CALLBACK_DATA Data,
+                                                              PCFLT_RELATED_OBJECTS FltObjects,
+                                                              PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostReleaseCcFlush(PFLT_CALLBACK_DATA Data,
+                                                                PCFLT_RELATED_OBJECTS FltObjects,
+                                                                PVOID CompletionContext,
+                                                                FLT_POST_OPERATION_FLAGS Flags);
+// An EA query of a file object with a valid record is traced before and after and comes as an IRP.
+FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreQueryEa(PFLT_CALLBACK_DATA Data, PCFLT_RELATED_OBJECTS FltObjects,
+                                                       PVOID* CompletionContext);
+FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostQueryEa(PFLT_CALLBACK_DATA Data,
+                                                         PCFLT_RELATED_OBJECTS FltObjects, PVOID CompletionContext,
+                                                         FLT_POST_OPERATION_FLAGS Flags);
+
 // ---- cleanup and close ----
 // The pre-callbacks hand the file object's record (cleanup: its valid one; close: any) to their
 // post-callbacks with FLT_PREOP_SYNCHRONIZE, or return FLT_PREOP_SUCCESS_NO_CALLBACK when it has

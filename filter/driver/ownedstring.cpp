@@ -142,3 +142,8 @@ BOOLEAN StringStartsWithText(PCUNICODE_STRING pString, PCWSTR pszPrefix)
     RtlInitUnicodeString(&prefix, pszPrefix);
     return RtlPrefixUnicodeString(&prefix, pString, TRUE);
 }
+
+BOOLEAN StringHasText(PCUNICODE_STRING pString)
+{
+    return pString != nullptr && pString->Buffer != nullptr;
+}

@@ -54,5 +54,8 @@ LONG FindUnicodeSubstring(PCUNICODE_STRING pHaystack, PCUNICODE_STRING pNeedle, 
 // buffer. IRQL: any, for a resident string.
 BOOLEAN StringContainsCharacter(PCUNICODE_STRING pString, WCHAR ch);
 
+// Whether a string is there to print: pString and its buffer are set. IRQL: any.
+BOOLEAN StringHasText(PCUNICODE_STRING pString);
+
 // Whether pString begins with the zero-terminated pszPrefix, without regard to case.
 BOOLEAN StringStartsWithText(PCUNICODE_STRING pString, PCWSTR pszPrefix);

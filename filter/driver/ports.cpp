@@ -71,14 +71,14 @@ NTSTATUS FLTAPI FolderMergeService_Connect(PFLT_PORT ClientPort, PVOID ServerPor
     UNREFERENCED_PARAMETER(ServerPortCookie);
     if (ConnectionContext != nullptr && SizeOfContext == THREAD_PORT_CONTEXT_SIZE) {
         if (!ClaimPortKind(&g_bThreadPortClaimed)) {
-            TRACE_WARNING("Thread port connection refused: a Thread port is connected");
+            TRACE_ERROR("Thread port connection refused: a Thread port is connected");
             return STATUS_CONNECTION_REFUSED;
         }
         *ConnectionPortCookie = (PVOID)&ThreadPortCookie;
         g_ServiceData.ThreadClientPort = ClientPort;
     } else {
         if (!ClaimPortKind(&g_bConfigPortClaimed)) {
-            TRACE_WARNING("Config port connection refused: a Config port is connected");
+            TRACE_ERROR("Config port connection refused: a Config port is connected");
             return STATUS_CONNECTION_REFUSED;
         }
         *ConnectionPortCookie = (PVOID)&ConfigPortCookie;

@@ -4,6 +4,7 @@
 #include "context.h"
 #include "exclusions.h"
 #include "globals.h"
+#include "loopback.h"
 #include "operations.h"
 #include "servicerequests.h"
 #include "trace.h"
@@ -31,9 +32,10 @@ FLT_POSTOP_CALLBACK_STATUS FLTAPI FolderMerge_PostCreate(PFLT_CALLBACK_DATA Data
     if (pContext == nullptr) {
         return FLT_POSTOP_FINISHED_PROCESSING;
     }
-    // The loopback access records, the other kind that the pre-create hands over, are never file
-    // contexts and never reach the table's routines.
-    if (pContext->RecordType != RECORD_TYPE_FILE_CONTEXT) {
+    // A loopback open's record, the other kind that the pre-create hands over, ends with its open,
+    // whatever the open's status and the mode; it never reaches the table's routines.
+    if (pContext->RecordType == RECORD_TYPE_MUP_ACCESS) {
+        EndTrackedMupAccess((TrackedMupAccess*)CompletionContext);
         return FLT_POSTOP_FINISHED_PROCESSING;
     }
 

@@ -8,6 +8,7 @@
 #include "context.h"
 #include "globals.h"
 #include "identity.h"
+#include "loopback.h"
 #include "mergefolders.h"
 #include "operations.h"
 #include "servicerequests.h"
@@ -19,9 +20,6 @@
 
 // The fixed part of a FILE_ALL_INFORMATION answer; the name follows it.
 #define ALL_INFORMATION_FIXED_LENGTH ((ULONG)sizeof(FILE_ALL_INFORMATION))
-
-// \Device\Mup\ is 12 characters; no remote path is shorter than 24 bytes.
-#define MUP_PATH_MIN_BYTES 24
 
 // FileBasicInformation or FileStandardInformation of a redirected file, straight into the caller's
 // buffer. A time-out of the request writes nothing, and no byte is reported. IRQL: PASSIVE_LEVEL.
@@ -234,7 +232,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreNetworkQueryInformation(PFLT_CAL
         goto Exit;
     }
     // A share on another machine is never managed, the loopback share included.
-    if (pstrPath->Length >= MUP_PATH_MIN_BYTES && StringStartsWithText(pstrPath, L"\\Device\\Mup\\")) {
+    if (IsMupPath(pstrPath)) {
         goto Exit;
     }
     // Without the caller's SID the path can't be judged: it is taken for managed, and the open that

@@ -34,13 +34,19 @@ namespace {
 // unit (any user of the provider routines or of sessions) exports them before main.
 [[maybe_unused]] const bool kInstalled = (InstallSystemRoutines(), true);
 
+// A session that asks for no keyword in particular asks for all of them: ETW hands its providers
+// every bit, so that a provider's own keyword test lets its events through.
+ULONGLONG MatchAnyKeywordOf(const EnableParameters& parameters)
+{
+    return parameters.matchAnyKeyword == 0 ? ~0ull : parameters.matchAnyKeyword;
+}
+
 bool Admits(const EnableParameters& parameters, const EVENT_DESCRIPTOR& descriptor)
 {
     bool levelPasses = descriptor.Level == 0 || parameters.level == 0 || descriptor.Level <= parameters.level;
-    bool keywordPasses =
-        descriptor.Keyword == 0 ||
-        ((parameters.matchAnyKeyword == 0 || (descriptor.Keyword & parameters.matchAnyKeyword) != 0) &&
-         (descriptor.Keyword & parameters.matchAllKeyword) == parameters.matchAllKeyword);
+    bool keywordPasses = descriptor.Keyword == 0 || ((descriptor.Keyword & MatchAnyKeywordOf(parameters)) != 0 &&
+                                                     (descriptor.Keyword & parameters.matchAllKeyword) ==
+                                                         parameters.matchAllKeyword);
     return levelPasses && keywordPasses;
 }
 
@@ -58,7 +64,6 @@ CombinedState CombinedStateOf(Registry& registry, const GUID& provider)
 {
     CombinedState state;
     bool anyLevelZero = false;
-    bool anyMatchAnyZero = false;
     ULONGLONG matchAll = ~0ull;
     for (const Session::State* session : registry.sessions) {
         for (const auto& [guid, parameters] : session->enabled) {
@@ -67,18 +72,14 @@ CombinedState CombinedStateOf(Registry& registry, const GUID& provider)
             }
             state.enabled = true;
             anyLevelZero |= parameters.level == 0;
-            anyMatchAnyZero |= parameters.matchAnyKeyword == 0;
             state.parameters.level = std::max(state.parameters.level, parameters.level);
-            state.parameters.matchAnyKeyword |= parameters.matchAnyKeyword;
+            state.parameters.matchAnyKeyword |= MatchAnyKeywordOf(parameters);
             matchAll &= parameters.matchAllKeyword;
         }
     }
     if (state.enabled) {
         if (anyLevelZero) {
             state.parameters.level = 0;
-        }
-        if (anyMatchAnyZero) {
-            state.parameters.matchAnyKeyword = 0;
         }
         state.parameters.matchAllKeyword = matchAll;
     }

@@ -152,7 +152,7 @@ TEST_F(FilterTracing, TheGateFollowsTheSessionsLevelAndKeywords)
         {{.level = 2, .matchAnyKeyword = kTraceKeyword}, {2}},
         {{.level = 1, .matchAnyKeyword = kTraceKeyword}, {}},
         {{.level = 4, .matchAnyKeyword = 0x1}, {}},
-        {{.level = 4, .matchAnyKeyword = 0}, {}},  // the session would take anything; the gate wants bit 63
+        {{.level = 4, .matchAnyKeyword = 0}, {4, 3, 2}},  // ETW hands the provider every keyword
         {{.level = 4, .matchAnyKeyword = kTraceKeyword | 1}, {4, 3, 2}},
         {{.level = 4, .matchAnyKeyword = kTraceKeyword, .matchAllKeyword = 1}, {}},
         {{.level = 4, .matchAnyKeyword = kTraceKeyword, .matchAllKeyword = kTraceKeyword}, {4, 3, 2}},
@@ -316,6 +316,28 @@ TEST_F(FilterTracing, TurningTracingOffWhileOtherThreadsTraceIsSafe)
     for (const TraceEvent& event : TakeEvents()) {
         ASSERT_EQ(event.module, "Velmora_Driver.sys") << "an event written from a live record";
     }
+}
+
+TEST_F(FilterTracing, SessionsComingAndGoingWhileTracingIsTurnedOffNeitherBlockNorTouchAFreedRecord)
+{
+    // The enable callback runs in the session's thread; tracing turned off meanwhile unregisters
+    // the provider and frees the record that callback is given.
+    std::atomic<bool> stop{false};
+    std::thread sessions([&] {
+        while (!stop) {
+            ntsim::etw::Session session;
+            session.EnableProvider(TRACE_PROVIDER_GUID, {.level = 4, .matchAnyKeyword = kTraceKeyword});
+            session.EnableProvider(TRACE_PROVIDER_GUID, {.level = 2, .matchAnyKeyword = kTraceKeyword});
+        }
+    });
+    for (int round = 0; round < 300; round++) {
+        ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
+        ASSERT_EQ(SetTracing(false), STATUS_SUCCESS);
+    }
+    stop = true;
+    sessions.join();
+    EXPECT_EQ(g_TraceProvider, nullptr);
+    EXPECT_FALSE(IsTraceEnabled(&TRACE_DESCRIPTOR_ERROR));
 }
 
 }  // namespace

@@ -134,6 +134,20 @@ TEST(EtwEnableCallback, SessionsAreCombinedAndTheLastOneToLeaveDisables)
     EXPECT_EQ(provider.Last().code, ULONG(EVENT_CONTROL_CODE_DISABLE_PROVIDER)) << "closing a session disables";
 }
 
+TEST(EtwEnableCallback, ASessionAskingForNoKeywordGivesTheProviderEveryKeyword)
+{
+    Provider provider;
+    ASSERT_EQ(provider.Register(), STATUS_SUCCESS);
+    ntsim::etw::Session any;
+    any.EnableProvider(kProvider, {.level = 4});
+    EXPECT_EQ(provider.Last().matchAny, ~0ull) << "0 stands for every keyword";
+    ntsim::etw::Session narrow;
+    narrow.EnableProvider(kProvider, {.level = 4, .matchAnyKeyword = 0x1});
+    EXPECT_EQ(provider.Last().matchAny, ~0ull) << "the union with every keyword";
+    any.DisableProvider(kProvider);
+    EXPECT_EQ(provider.Last().matchAny, 0x1u);
+}
+
 TEST(EtwRegistration, UnregisteredProvidersHearAndWriteNothing)
 {
     size_t registered = ntsim::etw::RegisteredProviderCount();

@@ -322,6 +322,9 @@ int FolderMergeDemo(std::span<const std::string> arguments, std::ostream& out)
             "appending", Verdict::KernelModeNoContent, STATUS_SUCCESS, STATUS_SUCCESS);
         add("Kernel mode, touching content", aliceKernel, {NtPath(aliceFolder), FILE_WRITE_ATTRIBUTES, FILE_DIRECTORY_FILE},
             "writing attributes", Verdict::RefusedReadOnly, STATUS_ACCESS_DENIED, STATUS_SUCCESS);
+        add("Her own folder through the loopback share", aliceUser,
+            {u"\\??\\UNC\\127.0.0.1\\C$" + OnVolume(alicePlan), FILE_GENERIC_READ}, "reading",
+            Verdict::LoopbackOwnFolder, STATUS_SUCCESS, STATUS_SUCCESS);
         add("A share on another machine (ntsim's redirector serves 127.0.0.1 alone)", aliceUser,
             {u"\\??\\UNC\\fileserver\\share" + OnVolume(alicePlan), FILE_GENERIC_READ}, "reading",
             Verdict::LeftAlone, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH);

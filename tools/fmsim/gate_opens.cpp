@@ -63,6 +63,8 @@ std::string VerdictName(Verdict verdict)
     switch (verdict) {
     case Verdict::OwnFolder: return "own merge folder: managed content";
     case Verdict::OtherUsersFolder: return "another user's merge folder: local content only";
+    case Verdict::LoopbackOwnFolder:
+        return "loopback share: tracked, the file server's open is managed content of her own folder";
     case Verdict::Blacklisted: return "blacklisted process: left alone";
     case Verdict::KernelModeNoContent: return "kernel-mode open touching no content: left alone";
     case Verdict::Excluded: return "excluded by the service: left alone";
@@ -100,6 +102,9 @@ Verdict Judge(const OpenRequest& request, const OpenResult& result, const std::v
     }
     if (AnyContains(traceMessages, "to local content only for non-blacklisted process")) {
         return managed ? Verdict::OtherUsersFolder : Verdict::Unexplained;
+    }
+    if (AnyContains(traceMessages, "Tracking MUP access [")) {
+        return managed ? Verdict::LoopbackOwnFolder : Verdict::Unexplained;
     }
     if (managed) {
         return Verdict::OwnFolder;

@@ -45,6 +45,7 @@ NTSTATUS Close(const Caller& caller, HANDLE handle);
 enum class Verdict {
     OwnFolder,          // managed content of the caller's own merge folder
     OtherUsersFolder,   // another user's merge folder: local content only
+    LoopbackOwnFolder,  // through \\127.0.0.1\C$: tracked, the file server's open managed for the requester
     Blacklisted,        // a blacklisted process in its user's folder: left alone
     KernelModeNoContent,  // a kernel-mode open that touches no content: left alone
     Excluded,           // a path the service excludes for its user: left alone

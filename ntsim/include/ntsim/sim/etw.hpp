@@ -27,7 +27,7 @@ void InstallSystemRoutines();
 // What a session asks of a provider.
 struct EnableParameters {
     UCHAR level = 0;                 // 0: every level
-    ULONGLONG matchAnyKeyword = 0;   // 0: every keyword
+    ULONGLONG matchAnyKeyword = 0;   // 0: every keyword; providers are told all 64 bits
     ULONGLONG matchAllKeyword = 0;
 };
 
