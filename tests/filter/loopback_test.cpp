@@ -54,10 +54,11 @@ protected:
     std::shared_ptr<ntsim::Process> alice_;
 };
 
-TEST_F(LoopbackAccess, TheServersAttributeOpenGoesOnOnlyWhileTheLoopbackOpenIsInFlight)
+TEST_F(LoopbackAccess, TheServersKernelOpenIsFollowedOnlyWhileTheLoopbackOpenIsInFlight)
 {
+    // A read: an open for attributes alone would be redirected, which needs a service that answers.
     const std::string pid = std::to_string(reinterpret_cast<ULONG_PTR>(alice_->Id()));
-    ASSERT_EQ(OpenAsAlice(u"\\??\\UNC\\127.0.0.1\\c$\\data\\A.TXT", FILE_READ_ATTRIBUTES), STATUS_SUCCESS);
+    ASSERT_EQ(OpenAsAlice(u"\\??\\UNC\\127.0.0.1\\c$\\data\\A.TXT", FILE_READ_DATA), STATUS_SUCCESS);
     const std::vector<std::string> lines = TakeMessages();
     EXPECT_TRUE(Contains(lines, "Tracking MUP record for [\\Device\\HarddiskVolume2\\data\\A.TXT], pid:" + pid));
     EXPECT_TRUE(AnyBeginsWith(lines, "Tracking MUP access [\\Device\\HarddiskVolume2\\data\\A.TXT], record:[0x"));
