@@ -14,6 +14,7 @@
 #include <memory>
 #include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fileaccess.h"
@@ -47,6 +48,14 @@ public:
     }
 
     PCFLT_RELATED_OBJECTS objects() const { return objects_.get(); }
+
+    // Code 3 as the open's caller makes it, with the file's block unless withBlock is false.
+    NTSTATUS Download(UCHAR& cancelled, UCHAR& locked, UCHAR& track, HANDLE opener = nullptr, bool withBlock = true)
+    {
+        return ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), withBlock ? &basic_ : nullptr, nullptr,
+                                                       withBlock ? 1 : 0, &cancelled, &locked, objects(), &iopb_,
+                                                       &track, opener);
+    }
 
     FILE_BASIC_INFORMATION basic_{};
     std::unique_ptr<FLT_RELATED_OBJECTS> objects_;
@@ -245,13 +254,10 @@ TEST_F(ObjectRequestTest, UploadWithoutSignatureIsTheHeadAndThePathAlone)
 
     EXPECT_EQ(ServiceRequest_ObjectUploadIfRequired(sid_.get(), path_.get(), nullptr, &iopb_, objects()),
               STATUS_SUCCESS);
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 1u);
-    const size_t pathBytes = OnVolume(kFile).size() * 2;
-    EXPECT_EQ(requests[0].bytes.size(), 2088 + pathBytes);
-    uint32_t secondLength = 0xFFFFFFFF;
-    std::memcpy(&secondLength, requests[0].bytes.data() + 560, 4);
-    EXPECT_EQ(secondLength, 0u);
+    ASSERT_EQ(service.RequestCount(), 1u);
+    const std::vector<uint8_t> bytes = service.Requests()[0].bytes;
+    EXPECT_EQ(bytes.size(), 2088 + OnVolume(kFile).size() * 2);
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 560, bytes.begin() + 564), std::vector<uint8_t>(4, 0));
 }
 
 TEST_F(ObjectRequestTest, RenameOfFortyAndFortyFourBytesIsAMessageOf2172WithTheNewPathAt2128)
@@ -279,12 +285,8 @@ TEST_F(ObjectRequestTest, DownloadSendsTheLoopbackOpenersProcessIdWhenGivenAndIt
     ASSERT_EQ(service.Connect(), S_OK);
     UCHAR cancelled = 0, locked = 0, track = 0;
 
-    ASSERT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), nullptr, nullptr, 0, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, (HANDLE)(ULONG_PTR)4242),
-              STATUS_SUCCESS);
-    ASSERT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), nullptr, nullptr, 0, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, nullptr),
-              STATUS_SUCCESS);
+    ASSERT_EQ(Download(cancelled, locked, track, (HANDLE)(ULONG_PTR)4242, false), STATUS_SUCCESS);
+    ASSERT_EQ(Download(cancelled, locked, track, nullptr, false), STATUS_SUCCESS);
 
     const auto requests = service.Requests();
     ASSERT_EQ(requests.size(), 2u);
@@ -310,20 +312,12 @@ TEST_F(ObjectRequestTest, DownloadTakesItsFlagsFromAGoodReplyAndNoneFromARefusal
     ASSERT_EQ(service.Connect(), S_OK);
 
     UCHAR cancelled = 7, locked = 7, track = 7;
-    EXPECT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), &basic_, nullptr, 1, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, nullptr),
-              STATUS_SUCCESS);
-    EXPECT_EQ(cancelled, 1);
-    EXPECT_EQ(locked, 0);
-    EXPECT_EQ(track, 1);
+    EXPECT_EQ(Download(cancelled, locked, track), STATUS_SUCCESS);
+    EXPECT_EQ(std::make_tuple(cancelled, locked, track), std::make_tuple(1, 0, 1));
 
     cancelled = locked = track = 0;
-    EXPECT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), &basic_, nullptr, 1, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, nullptr),
-              STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(cancelled, 0);
-    EXPECT_EQ(locked, 0);
-    EXPECT_EQ(track, 0);
+    EXPECT_EQ(Download(cancelled, locked, track), STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(std::make_tuple(cancelled, locked, track), std::make_tuple(0, 0, 0));
 }
 
 TEST_F(ObjectRequestTest, ExistsInformationAndReadOnlyTakeTheirPayloadWhateverTheStatus)
@@ -356,12 +350,10 @@ TEST_F(ObjectRequestTest, ExistsInformationAndReadOnlyTakeTheirPayloadWhateverTh
     FILE_STANDARD_INFORMATION standard{};
     EXPECT_EQ(ServiceRequest_ObjectInformation(sid_.get(), path_.get(), objects(), &iopb_, &basic, &standard),
               STATUS_SUCCESS);
-    EXPECT_EQ(basic.CreationTime.QuadPart, 11);
-    EXPECT_EQ(basic.LastWriteTime.QuadPart, 33);
-    EXPECT_EQ(basic.FileAttributes, (ULONG)FILE_ATTRIBUTE_READONLY);
-    EXPECT_EQ(standard.EndOfFile.QuadPart, 99);
-    EXPECT_EQ(standard.NumberOfLinks, 2u);
-    EXPECT_EQ(standard.Directory, 1);
+    EXPECT_EQ(std::make_tuple(basic.CreationTime.QuadPart, basic.LastWriteTime.QuadPart, basic.FileAttributes),
+              std::make_tuple(11LL, 33LL, (ULONG)FILE_ATTRIBUTE_READONLY));
+    EXPECT_EQ(std::make_tuple(standard.EndOfFile.QuadPart, standard.NumberOfLinks, standard.Directory),
+              std::make_tuple(99LL, 2UL, (BOOLEAN)1));
     FILE_STANDARD_INFORMATION standardOnly{};
     EXPECT_EQ(ServiceRequest_ObjectInformation(sid_.get(), path_.get(), objects(), &iopb_, nullptr, &standardOnly),
               STATUS_SUCCESS);
@@ -381,24 +373,23 @@ TEST_F(ObjectRequestTest, NoticesReturnTheServicesStatus)
     FILE_OBJECT fileObject{};
     iopb_.TargetFileObject = &fileObject;
 
-    EXPECT_EQ(ServiceRequest_ObjectIsExcludedFile(sid_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectRenameFromManaged(sid_.get(), path_.get(), 0, objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectUploadIfRequired(sid_.get(), path_.get(), nullptr, &iopb_, objects()),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectDeleted(sid_.get(), path_.get()), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectRename(sid_.get(), path_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectCancelUpload(sid_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectWriteNotify(sid_.get(), path_.get()), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectChanged(sid_.get(), path_.get(), objects(), &iopb_, 0),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectIsLocked(sid_.get(), path_.get()), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectRenameToManaged(sid_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(service.RequestCount(), 10u);
+    PCUNICODE_STRING sid = sid_.get(), path = path_.get();
+    const NTSTATUS results[] = {
+        ServiceRequest_ObjectIsExcludedFile(sid, path, objects(), &iopb_),
+        ServiceRequest_ObjectRenameFromManaged(sid, path, 0, objects(), &iopb_),
+        ServiceRequest_ObjectUploadIfRequired(sid, path, nullptr, &iopb_, objects()),
+        ServiceRequest_ObjectDeleted(sid, path),
+        ServiceRequest_ObjectRename(sid, path, path, objects(), &iopb_),
+        ServiceRequest_ObjectCancelUpload(sid, path, objects(), &iopb_),
+        ServiceRequest_ObjectWriteNotify(sid, path),
+        ServiceRequest_ObjectChanged(sid, path, objects(), &iopb_, 0),
+        ServiceRequest_ObjectIsLocked(sid, path),
+        ServiceRequest_ObjectRenameToManaged(sid, path, objects(), &iopb_),
+    };
+    for (size_t index = 0; index < std::size(results); index++) {
+        EXPECT_EQ(results[index], STATUS_OBJECT_NAME_NOT_FOUND) << "call " << index;
+    }
+    EXPECT_EQ(service.RequestCount(), std::size(results));
 }
 
 TEST_F(ObjectRequestTest, SignatureNameOf260CharactersIsTakenAndAFieldWithoutAZeroLeavesTheNameAsItWas)
@@ -481,48 +472,35 @@ protected:
     }
 };
 
-TEST_F(RedirectTest, NameOfExactlyTheCapacityIsTakenAtTheFirstTurn)
+// A name of exactly the capacity (260 bytes) is taken at the first turn; one character longer asks
+// once more with room for it, in the first message with only its capacity changed.
+TEST_F(RedirectTest, NameOfTheCapacityIsTakenAtOnceAndALongerOneAtASecondTurnOfTheSameMessage)
 {
-    const std::u16string name = u"\\??\\C:\\Dummy\\" + std::u16string(130 - 13, u'd');  // 260 bytes
-    ASSERT_EQ(name.size() * 2, 260u);
-    ScriptedResponder service;
-    service.AddRule({.code = SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES,
-                     .reply = {.status = 0, .reparse = true, .redirected = true, .name = name}});
-    ASSERT_EQ(service.Connect(), S_OK);
+    for (size_t characters : {130, 131}) {
+        SCOPED_TRACE(characters);
+        const std::u16string name = u"\\??\\C:\\Dummy\\" + std::u16string(characters - 13, u'd');
+        const bool once = characters == 130;
+        ScriptedResponder service;
+        service.AddRule({.code = SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES,
+                         .reply = {.status = 0, .reparse = once, .redirected = true, .name = name}});
+        ASSERT_EQ(service.Connect(), S_OK);
 
-    const Result result = Redirect(path_.get());
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.redirected, 1);
-    EXPECT_EQ(result.reparse, 1);
-    EXPECT_EQ(result.name, ntsim::ToUtf8(name));
-    EXPECT_EQ(Capacities(service), (std::vector<uint32_t>{260}));
-}
-
-TEST_F(RedirectTest, NameOneCharacterLongerAsksOnceMoreWithRoomForItAndOtherwiseTheSameMessage)
-{
-    const std::u16string name = u"\\??\\C:\\Dummy\\" + std::u16string(131 - 13, u'd');  // 262 bytes
-    ScriptedResponder service;
-    service.AddRule({.code = SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES,
-                     .reply = {.reparse = false, .redirected = true, .name = name}});
-    ASSERT_EQ(service.Connect(), S_OK);
-
-    const Result result = Redirect(path_.get());
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.redirected, 1);
-    EXPECT_EQ(result.reparse, 0);
-    EXPECT_EQ(result.name, ntsim::ToUtf8(name));
-    EXPECT_EQ(Capacities(service), (std::vector<uint32_t>{260, 262}));
-
-    // The second turn is the first message with its capacity changed: same process, thread, block
-    // and path.
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[1].replyLength, 262u + 24);
-    std::vector<uint8_t> first = requests[0].bytes;
-    std::vector<uint8_t> second = requests[1].bytes;
-    std::memset(first.data() + 560, 0, 4);
-    std::memset(second.data() + 560, 0, 4);
-    EXPECT_EQ(first, second) << FirstDifference(second, first);
+        const Result result = Redirect(path_.get());
+        EXPECT_EQ(result.status, STATUS_SUCCESS);
+        EXPECT_EQ(result.redirected, 1);
+        EXPECT_EQ(result.reparse, once ? 1 : 0);
+        EXPECT_EQ(result.name, ntsim::ToUtf8(name));
+        EXPECT_EQ(Capacities(service), (once ? std::vector<uint32_t>{260} : std::vector<uint32_t>{260, 262}));
+        if (!once) {
+            const auto requests = service.Requests();
+            ASSERT_EQ(requests.size(), 2u);
+            EXPECT_EQ(requests[1].replyLength, 262u + 24);
+            std::vector<uint8_t> first = requests[0].bytes, second = requests[1].bytes;
+            std::memset(first.data() + 560, 0, 4);
+            std::memset(second.data() + 560, 0, 4);
+            EXPECT_EQ(first, second) << FirstDifference(second, first);
+        }
+    }
 }
 
 TEST_F(RedirectTest, PathLongerThan260BytesGivesTheFirstReplyRoomForThePathsLength)
@@ -750,10 +728,7 @@ TEST_F(ObjectRequestTest, TimeOutReachesTheCallerAsANonNegativeStatusWithItsOuts
     ASSERT_EQ(service.Connect(), S_OK);
 
     UCHAR cancelled = 5, locked = 5, track = 5, readOnly = 5;
-    auto download = std::async(std::launch::async, [&] {
-        return ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), &basic_, nullptr, 1, &cancelled,
-                                                       &locked, objects(), &iopb_, &track, nullptr);
-    });
+    auto download = std::async(std::launch::async, [&] { return Download(cancelled, locked, track); });
     auto readOnlyQuery = std::async(std::launch::async, [&] {
         return ServiceRequest_ObjectIsReadOnly(sid_.get(), path_.get(), &readOnly);
     });
@@ -765,10 +740,7 @@ TEST_F(ObjectRequestTest, TimeOutReachesTheCallerAsANonNegativeStatusWithItsOuts
     EXPECT_EQ(downloaded, STATUS_TIMEOUT);
     EXPECT_EQ(queried, STATUS_TIMEOUT);
     EXPECT_TRUE(NT_SUCCESS(downloaded));
-    EXPECT_EQ(cancelled, 5);
-    EXPECT_EQ(locked, 5);
-    EXPECT_EQ(track, 5);
-    EXPECT_EQ(readOnly, 5);
+    EXPECT_EQ(std::make_tuple(cancelled, locked, track, readOnly), std::make_tuple(5, 5, 5, 5));
 }
 
 // A filter below FolderMerge, loaded for as long as the object lives: its pre-operation callback sees
