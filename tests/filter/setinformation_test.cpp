@@ -335,10 +335,10 @@ struct RefusalCase {
     std::u16string source;  // volume path
     bool followed = true;
     std::u16string target;  // \??\C:\...
-    FILE_INFORMATION_CLASS infoClass = FileRenameInformation;
-    bool replace = false;
     NTSTATUS status = STATUS_SUCCESS;  // what the caller sees
     bool moved = false;                // the file system made the change
+    FILE_INFORMATION_CLASS infoClass = FileRenameInformation;
+    bool replace = false;
     bool directory = false;
 };
 
@@ -350,37 +350,30 @@ TEST_F(SetInformationTest, EachRefusalOfARenameOrLinkEndsItBeforeTheFileSystem)
     volume_->SeedFile(u"\\Outside\\h2.txt", "content");
     volume_->SeedHardLink(u"\\Outside\\h2.txt", u"\\Outside\\h2link.txt");
     volume_->SeedFile(u"\\Data\\Docs\\c2.txt", "older");
+    const std::u16string data = u"\\??\\C:\\Data\\";
     const std::vector<RefusalCase> cases = {
-        {"link of a followed file", u"\\Data\\l1.txt", true, u"\\??\\C:\\Outside\\l1.txt", FileLinkInformation, false,
-         STATUS_ACCESS_DENIED},
-        {"link into a managed folder", u"\\Outside\\l2.txt", false, u"\\??\\C:\\Data\\l2.txt", FileLinkInformation,
-         false, STATUS_ACCESS_DENIED},
-        {"onto a read-only folder's own path", u"\\Data\\r1.txt", true, u"\\??\\C:\\ReadOnly", FileRenameInformation,
-         false, STATUS_ACCESS_DENIED},
+        {"link of a followed file", u"\\Data\\l1.txt", true, u"\\??\\C:\\Outside\\l1.txt", STATUS_ACCESS_DENIED, false,
+         FileLinkInformation},
+        {"link into a managed folder", u"\\Outside\\l2.txt", false, data + u"l2.txt", STATUS_ACCESS_DENIED, false,
+         FileLinkInformation},
+        {"onto a read-only folder's own path", u"\\Data\\r1.txt", true, u"\\??\\C:\\ReadOnly", STATUS_ACCESS_DENIED},
         {"unfollowed onto a read-only folder's own path", u"\\Outside\\r2.txt", false, u"\\??\\C:\\ReadOnly",
-         FileRenameInformation, false, STATUS_ACCESS_DENIED},
-        {"to a name read-only at the service", u"\\Data\\r3.txt", true, u"\\??\\C:\\Data\\Docs\\r3.txt",
-         FileRenameInformation, false, STATUS_ACCESS_DENIED},
-        {"to 520 bytes", u"\\Data\\n1.txt", true, u"\\??\\C:\\Data\\" + longName, FileRenameInformation, false,
-         STATUS_NO_SUCH_FILE},
-        {"unfollowed to 520 bytes", u"\\Outside\\n2.txt", false, u"\\??\\C:\\Data\\" + longName,
-         FileRenameInformation, false, STATUS_NO_SUCH_FILE},
-        {"to 518 bytes", u"\\Data\\n3.txt", true, u"\\??\\C:\\Data\\" + longName.substr(1), FileRenameInformation,
-         false, STATUS_SUCCESS, true},
-        {"to a name the service holds", u"\\Data\\c1.txt", true, u"\\??\\C:\\Data\\Docs\\c1.txt",
-         FileRenameInformation, false, STATUS_OBJECT_NAME_COLLISION},
-        {"replacing a name the service and the disk hold", u"\\Data\\c2.txt", true, u"\\??\\C:\\Data\\Docs\\c2.txt",
-         FileRenameInformation, true, STATUS_SUCCESS, true},
-        {"a file of two links new to the service", u"\\Data\\h1.txt", true, u"\\??\\C:\\Data\\Docs\\h1.txt",
-         FileRenameInformation, false, STATUS_CANNOT_MAKE},
-        {"unfollowed file of two links", u"\\Outside\\h2.txt", false, u"\\??\\C:\\Data\\h2.txt",
-         FileRenameInformation, false, STATUS_CANNOT_MAKE},
-        {"a merge folder's own directory", u"\\Data", true, u"\\??\\C:\\Moved", FileRenameInformation, false,
-         STATUS_ACCESS_DENIED, false, true},
+         STATUS_ACCESS_DENIED},
+        {"to a name read-only at the service", u"\\Data\\r3.txt", true, data + u"Docs\\r3.txt", STATUS_ACCESS_DENIED},
+        {"to 520 bytes", u"\\Data\\n1.txt", true, data + longName, STATUS_NO_SUCH_FILE},
+        {"unfollowed to 520 bytes", u"\\Outside\\n2.txt", false, data + longName, STATUS_NO_SUCH_FILE},
+        {"to 518 bytes", u"\\Data\\n3.txt", true, data + longName.substr(1), STATUS_SUCCESS, true},
+        {"to a name the service holds", u"\\Data\\c1.txt", true, data + u"Docs\\c1.txt", STATUS_OBJECT_NAME_COLLISION},
+        {"replacing a name the service and the disk hold", u"\\Data\\c2.txt", true, data + u"Docs\\c2.txt",
+         STATUS_SUCCESS, true, FileRenameInformation, true},
+        {"a file of two links new to the service", u"\\Data\\h1.txt", true, data + u"Docs\\h1.txt", STATUS_CANNOT_MAKE},
+        {"unfollowed file of two links", u"\\Outside\\h2.txt", false, data + u"h2.txt", STATUS_CANNOT_MAKE},
+        {"a merge folder's own directory", u"\\Data", true, u"\\??\\C:\\Moved", STATUS_ACCESS_DENIED, false,
+         FileRenameInformation, false, true},
         {"out of the managed folders, vetoed", u"\\Data\\v1.txt", true, u"\\??\\C:\\Outside\\v1.txt",
-         FileRenameInformation, false, STATUS_ACCESS_DENIED},
-        {"the service unable to take the new name", u"\\Data\\f1.txt", true, u"\\??\\C:\\Data\\Docs\\f1.txt",
-         FileRenameInformation, false, STATUS_OBJECT_NAME_INVALID, true},
+         STATUS_ACCESS_DENIED},
+        {"the service unable to take the new name", u"\\Data\\f1.txt", true, data + u"Docs\\f1.txt",
+         STATUS_OBJECT_NAME_INVALID, true},
     };
     for (const RefusalCase& refusal : cases) {
         if (!volume_->Exists(refusal.source)) {
