@@ -216,7 +216,7 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderGivesTheFileObjectARecord)
     Serve();
 
     HANDLE stays = Open(u"\\Outside\\stays.txt", kRenameAccess);
-    size_t mark = Mark();
+    const size_t mark = Mark();
     ASSERT_EQ(Rename(stays, u"\\??\\C:\\Outside\\moved.txt"), STATUS_SUCCESS);
     EXPECT_TRUE(CodesSince(mark).empty()) << "an unmanaged file that stays unmanaged costs the service nothing";
     EXPECT_EQ(FindContextByFileObject(FileObjectOf(stays), TRUE), nullptr);
@@ -231,9 +231,9 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderGivesTheFileObjectARecord)
     }
 
     HANDLE in = Open(u"\\Outside\\in.txt", kRenameAccess);
-    mark = Mark();
     ASSERT_EQ(Rename(in, u"\\??\\C:\\Data\\in.txt"), STATUS_SUCCESS);
-    EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}));
+    EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}))
+        << "the service's own rename asked nothing";
     const std::vector<RequestView> requests = RequestsSince(mark);
     ASSERT_FALSE(requests.empty());
     EXPECT_EQ(Text(requests.back().path), Text(OnVolume(u"\\Data\\in.txt")));
@@ -299,11 +299,8 @@ TEST_F(SetInformationTest, RelativeTargetsAndExFormsPassUnseen)
     ASSERT_EQ(Rename(file, u"renamed.txt"), STATUS_SUCCESS);
     EXPECT_TRUE(volume_->Exists(u"\\Data\\renamed.txt"));
     EXPECT_TRUE(StepsSince(mark).empty());
-
-    mark = Mark();
-
-    std::vector<UCHAR> ex = RenameRecord(u"\\??\\C:\\Data\\Docs\\ex.txt", false);
-    ASSERT_EQ(SetInformation(file, FileRenameInformationEx, ex), STATUS_SUCCESS);
+    ASSERT_EQ(SetInformation(file, FileRenameInformationEx, RenameRecord(u"\\??\\C:\\Data\\Docs\\ex.txt", false)),
+              STATUS_SUCCESS);
     EXPECT_TRUE(volume_->Exists(u"\\Data\\Docs\\ex.txt"));
     ASSERT_EQ(Set(file, FileDispositionInformationEx, FILE_DISPOSITION_INFORMATION_EX{FILE_DISPOSITION_DELETE}),
               STATUS_SUCCESS);
@@ -413,12 +410,10 @@ TEST_F(SetInformationTest, DeleteDispositionEndsInItsLastStateAndCancelsAHeldBac
     ASSERT_EQ(pContext->bUploadCancelled, 1);
     const size_t mark = Mark();
 
-    ASSERT_EQ(Dispose(file, true), STATUS_SUCCESS);
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, ULONG{ON_CLOSE_DELETE_DISPOSITION});
-    ASSERT_EQ(Dispose(file, false), STATUS_SUCCESS);
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, 0u);
-    ASSERT_EQ(Dispose(file, true), STATUS_SUCCESS);
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, ULONG{ON_CLOSE_DELETE_DISPOSITION});
+    for (bool deleteFile : {true, false, true}) {
+        ASSERT_EQ(Dispose(file, deleteFile), STATUS_SUCCESS);
+        EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, deleteFile ? ULONG{ON_CLOSE_DELETE_DISPOSITION} : 0u);
+    }
     EXPECT_EQ(pContext->bUploadCancelled, 1);
     EXPECT_EQ(StepsSince(mark), (std::vector<uint32_t>{SERVICE_REQUEST_OBJECT_CANCEL_UPLOAD,
                                                        SERVICE_REQUEST_OBJECT_CANCEL_UPLOAD}));
