@@ -412,7 +412,7 @@ TEST_F(SetInformationTest, DeleteDispositionEndsInItsLastStateAndCancelsAHeldBac
 
     for (bool deleteFile : {true, false, true}) {
         ASSERT_EQ(Dispose(file, deleteFile), STATUS_SUCCESS);
-        EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, deleteFile ? ULONG{ON_CLOSE_DELETE_DISPOSITION} : 0u);
+        EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, deleteFile ? ON_CLOSE_DELETE_DISPOSITION : 0u);
     }
     EXPECT_EQ(pContext->bUploadCancelled, 1);
     EXPECT_EQ(StepsSince(mark), (std::vector<uint32_t>{SERVICE_REQUEST_OBJECT_CANCEL_UPLOAD,
