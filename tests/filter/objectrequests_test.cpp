@@ -594,29 +594,19 @@ TEST_F(ObjectRequestTest, EachRoutineRefusesItsMissingArgumentsAndSendsNothing)
     FLT_IO_PARAMETER_BLOCK noFileObject = iopb_;  // an instance, no file object
     PCUNICODE_STRING sid = sid_.get();
     PCUNICODE_STRING path = path_.get();
+    auto download = [&](PCUNICODE_STRING p, PUCHAR locked, PCFLT_RELATED_OBJECTS o, PFLT_IO_PARAMETER_BLOCK io) {
+        return ServiceRequest_ObjectDownloadIfRequired(sid, p, &basic, nullptr, 0, &flag, locked, o, io, &flag, nullptr);
+    };
+    auto redirect = [&](PCUNICODE_STRING s, OwnedString** out) {
+        return ServiceRequest_ObjectRedirectAttributes(s, path, objects(), &iopb_, out, &flag, &flag);
+    };
 
     const std::vector<std::pair<const char*, std::function<NTSTATUS()>>> refused = {
         {"2 without path", [&] { return ServiceRequest_ObjectRenameFromManaged(sid, nullptr, 0, objects(), &iopb_); }},
-        {"3 without path",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, nullptr, &basic, nullptr, 0, &flag, &flag, objects(),
-                                                            &iopb_, &flag, nullptr);
-         }},
-        {"3 without an out",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, path, &basic, nullptr, 0, &flag, nullptr, objects(),
-                                                            &iopb_, &flag, nullptr);
-         }},
-        {"3 without FltObjects",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, path, &basic, nullptr, 0, &flag, &flag, nullptr,
-                                                            &iopb_, &flag, nullptr);
-         }},
-        {"3 without Iopb",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, path, &basic, nullptr, 0, &flag, &flag, objects(),
-                                                            nullptr, &flag, nullptr);
-         }},
+        {"3 without path", [&] { return download(nullptr, &flag, objects(), &iopb_); }},
+        {"3 without an out", [&] { return download(path, nullptr, objects(), &iopb_); }},
+        {"3 without FltObjects", [&] { return download(path, &flag, nullptr, &iopb_); }},
+        {"3 without Iopb", [&] { return download(path, &flag, objects(), nullptr); }},
         {"4 without instance",
          [&] { return ServiceRequest_ObjectUploadIfRequired(sid, path, nullptr, &noInstance, objects()); }},
         {"4 without Iopb", [&] { return ServiceRequest_ObjectUploadIfRequired(sid, path, nullptr, nullptr, objects()); }},
@@ -630,14 +620,8 @@ TEST_F(ObjectRequestTest, EachRoutineRefusesItsMissingArgumentsAndSendsNothing)
         {"16 without path", [&] { return ServiceRequest_ObjectIsExcludedFile(sid, nullptr, objects(), &iopb_); }},
         {"17 without SID", [&] { return ServiceRequest_ObjectCancelUpload(nullptr, path, objects(), &iopb_); }},
         {"17 without path", [&] { return ServiceRequest_ObjectCancelUpload(sid, nullptr, objects(), &iopb_); }},
-        {"18 without name out",
-         [&] {
-             return ServiceRequest_ObjectRedirectAttributes(sid, path, objects(), &iopb_, nullptr, &flag, &flag);
-         }},
-        {"18 without SID",
-         [&] {
-             return ServiceRequest_ObjectRedirectAttributes(nullptr, path, objects(), &iopb_, &name, &flag, &flag);
-         }},
+        {"18 without name out", [&] { return redirect(sid, nullptr); }},
+        {"18 without SID", [&] { return redirect(nullptr, &name); }},
         {"19 without path", [&] { return ServiceRequest_ObjectWriteNotify(sid, nullptr); }},
         {"19 without SID", [&] { return ServiceRequest_ObjectWriteNotify(nullptr, path); }},
         {"20 without SID", [&] { return ServiceRequest_ObjectIsReadOnly(nullptr, path, &flag); }},
