@@ -34,8 +34,7 @@ std::u16string OnVolume(std::u16string_view path)
     return std::u16string(u"\\Device\\HarddiskVolume2") + std::u16string(path);
 }
 
-// A file with its marker stream on C:, and what its requests take. The members are public for the
-// calls that a table of cases makes.
+// A file with its marker stream on C:, and what its requests take.
 class ObjectRequestTest : public RequestTest {
 public:
     void SetUp() override
@@ -70,7 +69,7 @@ public:
 // One request routine called as its caller would, and the message it should send.
 struct MessageCase {
     const char* name;
-    std::function<NTSTATUS(ObjectRequestTest&)> call;
+    std::function<NTSTATUS()> call;
     std::function<void(Image&)> fields;  // everything behind the common head and the SID
     uint32_t code = 0;
     size_t tailBytes = 0;  // beyond the path
@@ -84,8 +83,9 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
     const std::u16string renamed = OnVolume(u"\\Data\\renamed.txt");
     const std::u16string signature = u"sig-7";
     ntsim::UnicodeStringHolder renamedText(renamed);
-    ntsim::UnicodeStringHolder signatureText(signature);
+    ntsim::UnicodeStringHolder sigText(signature);
     FILE_OBJECT fileObject{};
+    PCUNICODE_STRING sid = sid_.get(), pathText = path_.get();
     const FILE_BASIC_INFORMATION basic = basic_;
     auto block = [basic](size_t offset) {
         return [basic, offset](Image& image) { image.PutFileBlock(offset, basic, 11); };
@@ -93,30 +93,27 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
 
     const std::vector<MessageCase> cases = {
         {.name = "ObjectExists",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              UCHAR exists = 0, second = 0;
-             return ServiceRequest_ObjectExists(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, &exists, &second);
+             return ServiceRequest_ObjectExists(sid, pathText, objects(), &iopb_, &exists, &second);
          },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); },
          .code = 1, .replyLength = 18},
         {.name = "ObjectRenameFromManaged",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectRenameFromManaged(t.sid_.get(), t.path_.get(), 1, t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectRenameFromManaged(sid, pathText, 1, objects(), &iopb_); },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); image.Put<uint8_t>(625, 1); },
          .code = 2, .replyLength = 16},
         {.name = "ObjectDownloadIfRequired",
-         .call = [](ObjectRequestTest& t) {
-             t.SetCreate((FILE_OPEN_IF << 24) | FILE_NON_DIRECTORY_FILE, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                         FILE_GENERIC_WRITE);
+         .call = [&] {
+             SetCreate((FILE_OPEN_IF << 24) | FILE_NON_DIRECTORY_FILE, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                       FILE_GENERIC_WRITE);
              FILE_STANDARD_INFORMATION standard{};
              standard.AllocationSize.QuadPart = 4096;
              standard.EndOfFile.QuadPart = 11;
              standard.NumberOfLinks = 1;
              UCHAR cancelled = 0, locked = 0, track = 0;
-             return ServiceRequest_ObjectDownloadIfRequired(t.sid_.get(), t.path_.get(), &t.basic_, &standard, 1,
-                                                            &cancelled, &locked, t.objects(), &t.iopb_, &track,
-                                                            nullptr);
+             return ServiceRequest_ObjectDownloadIfRequired(sid, pathText, &basic_, &standard, 1, &cancelled, &locked,
+                                                            objects(), &iopb_, &track, nullptr);
          },
          .fields = [&](Image& image) {
              image.Put<uint32_t>(560, (FILE_OPEN_IF << 24) | FILE_NON_DIRECTORY_FILE);
@@ -127,10 +124,7 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 3, .replyLength = 19},
         {.name = "ObjectUploadIfRequired",
-         .call = [&](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectUploadIfRequired(t.sid_.get(), t.path_.get(), signatureText.get(), &t.iopb_,
-                                                          t.objects());
-         },
+         .call = [&] { return ServiceRequest_ObjectUploadIfRequired(sid, pathText, sigText.get(), &iopb_, objects()); },
          .fields = [&](Image& image) {
              image.Put<uint32_t>(560, (uint32_t)signature.size() * 2);
              block(568)(image);
@@ -139,13 +133,11 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 4, .tailBytes = signature.size() * 2, .replyLength = 16},
         {.name = "ObjectDeleted",
-         .call = [](ObjectRequestTest& t) { return ServiceRequest_ObjectDeleted(t.sid_.get(), t.path_.get()); },
+         .call = [&] { return ServiceRequest_ObjectDeleted(sid, pathText); },
          .fields = [](Image&) {},
          .code = 7, .replyLength = 16},
         {.name = "ObjectRename",
-         .call = [&](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectRename(t.sid_.get(), t.path_.get(), renamedText.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectRename(sid, pathText, renamedText.get(), objects(), &iopb_); },
          .fields = [&](Image& image) {
              // Nothing stands at the new path yet: its block is the unknown pattern.
              image.Put<uint32_t>(560, (uint32_t)renamed.size() * 2);
@@ -154,38 +146,33 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 8, .tailBytes = renamed.size() * 2, .replyLength = 16},
         {.name = "ObjectSignature",
-         .call = [](ObjectRequestTest& t) {
-             t.SetCreate(FILE_OPEN << 24, 0, FILE_WRITE_DATA | SYNCHRONIZE);
-             return ServiceRequest_ObjectSignature(t.sid_.get(), t.path_.get(), nullptr, t.objects(), &t.iopb_);
+         .call = [&] {
+             SetCreate(FILE_OPEN << 24, 0, FILE_WRITE_DATA | SYNCHRONIZE);
+             return ServiceRequest_ObjectSignature(sid, pathText, nullptr, objects(), &iopb_);
          },
          .fields = [&](Image& image) { image.Put<uint32_t>(560, FILE_WRITE_DATA | SYNCHRONIZE); block(568)(image); },
          .code = 12, .replyLength = 538},
         {.name = "ObjectInformation",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              FILE_BASIC_INFORMATION out{};
-             return ServiceRequest_ObjectInformation(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, &out,
-                                                     nullptr);
+             return ServiceRequest_ObjectInformation(sid, pathText, objects(), &iopb_, &out, nullptr);
          },
          .fields = block(560),  // and no marker byte
          .code = 14, .replyLength = 80},
         {.name = "ObjectIsExcludedFile",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectIsExcludedFile(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectIsExcludedFile(sid, pathText, objects(), &iopb_); },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); },
          .code = 16, .replyLength = 16},
         {.name = "ObjectCancelUpload",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectCancelUpload(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectCancelUpload(sid, pathText, objects(), &iopb_); },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); },
          .code = 17, .replyLength = 16},
         {.name = "ObjectRedirectAttributes",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              OwnedString* name = nullptr;
              UCHAR redirected = 1, reparse = 1;
-             return ServiceRequest_ObjectRedirectAttributes(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, &name,
-                                                            &redirected, &reparse);
+             return ServiceRequest_ObjectRedirectAttributes(sid, pathText, objects(), &iopb_, &name, &redirected,
+                                                            &reparse);
          },
          .fields = [&](Image& image) {
              image.Put<uint32_t>(560, 260);  // the path is shorter than 260 bytes
@@ -194,33 +181,31 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 18, .replyLength = 284},
         {.name = "ObjectWriteNotify",
-         .call = [](ObjectRequestTest& t) { return ServiceRequest_ObjectWriteNotify(t.sid_.get(), t.path_.get()); },
+         .call = [&] { return ServiceRequest_ObjectWriteNotify(sid, pathText); },
          .fields = [](Image&) {},
          .code = 19, .replyLength = 16},
         {.name = "ObjectIsReadOnly",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              UCHAR readOnly = 0;
-             return ServiceRequest_ObjectIsReadOnly(t.sid_.get(), t.path_.get(), &readOnly);
+             return ServiceRequest_ObjectIsReadOnly(sid, pathText, &readOnly);
          },
          .fields = [](Image&) {},
          .code = 20, .replyLength = 17},
         {.name = "ObjectChanged",
-         .call = [&](ObjectRequestTest& t) {
-             t.iopb_.TargetFileObject = &fileObject;
-             NTSTATUS status = ServiceRequest_ObjectChanged(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, 1);
-             t.iopb_.TargetFileObject = nullptr;
+         .call = [&] {
+             iopb_.TargetFileObject = &fileObject;
+             NTSTATUS status = ServiceRequest_ObjectChanged(sid, pathText, objects(), &iopb_, 1);
+             iopb_.TargetFileObject = nullptr;
              return status;
          },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); image.Put<uint8_t>(625, 1); },
          .code = 21, .replyLength = 24},
         {.name = "ObjectIsLocked",
-         .call = [](ObjectRequestTest& t) { return ServiceRequest_ObjectIsLocked(t.sid_.get(), t.path_.get()); },
+         .call = [&] { return ServiceRequest_ObjectIsLocked(sid, pathText); },
          .fields = [](Image&) {},  // 560: bLocked, always 0
          .code = 22, .replyLength = 16},
         {.name = "ObjectRenameToManaged",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectRenameToManaged(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectRenameToManaged(sid, pathText, objects(), &iopb_); },
          .fields = block(560),  // and no marker byte
          .code = 23, .replyLength = 16},
     };
@@ -230,7 +215,7 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
     for (const MessageCase& request : cases) {
         SCOPED_TRACE(request.name);
         const size_t before = service.RequestCount();
-        EXPECT_EQ(request.call(*this), STATUS_SUCCESS);
+        EXPECT_EQ(request.call(), STATUS_SUCCESS);
         ASSERT_TRUE(service.WaitForHandled(before + 1));
 
         Image expected(request.code, 2088 + pathBytes + request.tailBytes);
@@ -595,7 +580,7 @@ TEST_F(ObjectRequestTest, EachRoutineRefusesItsMissingArgumentsAndSendsNothing)
     PCUNICODE_STRING sid = sid_.get();
     PCUNICODE_STRING path = path_.get();
     auto download = [&](PCUNICODE_STRING p, PUCHAR locked, PCFLT_RELATED_OBJECTS o, PFLT_IO_PARAMETER_BLOCK io) {
-        return ServiceRequest_ObjectDownloadIfRequired(sid, p, &basic, nullptr, 0, &flag, locked, o, io, &flag, nullptr);
+        return ServiceRequest_ObjectDownloadIfRequired(sid, p, &basic, nullptr, 0, &flag, locked, o, io, &flag, {});
     };
     auto redirect = [&](PCUNICODE_STRING s, OwnedString** out) {
         return ServiceRequest_ObjectRedirectAttributes(s, path, objects(), &iopb_, out, &flag, &flag);
