@@ -245,25 +245,6 @@ TEST_F(ObjectRequestTest, UploadWithoutSignatureIsTheHeadAndThePathAlone)
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 560, bytes.begin() + 564), std::vector<uint8_t>(4, 0));
 }
 
-TEST_F(ObjectRequestTest, RenameOfFortyAndFortyFourBytesIsAMessageOf2172WithTheNewPathAt2128)
-{
-    ntsim::UnicodeStringHolder oldPath(u"\\Device\\Vol\\olds.txt");    // 40 bytes
-    ntsim::UnicodeStringHolder newPath(u"\\Device\\Vol\\newest.txt");  // 44 bytes
-    ScriptedResponder service;
-    ASSERT_EQ(service.Connect(), S_OK);
-
-    EXPECT_EQ(ServiceRequest_ObjectRename(sid_.get(), oldPath.get(), newPath.get(), objects(), &iopb_),
-              STATUS_SUCCESS);
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].bytes.size(), 2172u);
-    ASSERT_TRUE(requests[0].view.has_value()) << requests[0].decodeError;
-    EXPECT_EQ(requests[0].view->messageLength, 2172u);
-    EXPECT_EQ(requests[0].view->secondString, u"\\Device\\Vol\\newest.txt");
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(requests[0].bytes.data() + 2128), 22),
-              u"\\Device\\Vol\\newest.txt");
-}
-
 TEST_F(ObjectRequestTest, DownloadSendsTheLoopbackOpenersProcessIdWhenGivenAndItsOwnOtherwise)
 {
     ScriptedResponder service;
