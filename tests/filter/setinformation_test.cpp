@@ -213,10 +213,11 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderGivesTheFileObjectARecord)
     volume_->SeedFile(u"\\Outside\\in.txt", "content");
     volume_->SeedFile(u"\\Outside\\stays.txt", "content");
     volume_->SeedFile(u"\\Outside\\service.txt", "content");
+    volume_->SeedFile(u"\\Outside\\late.txt", "content");
     Serve();
 
     HANDLE stays = Open(u"\\Outside\\stays.txt", kRenameAccess);
-    const size_t mark = Mark();
+    size_t mark = Mark();
     ASSERT_EQ(Rename(stays, u"\\??\\C:\\Outside\\moved.txt"), STATUS_SUCCESS);
     EXPECT_TRUE(CodesSince(mark).empty()) << "an unmanaged file that stays unmanaged costs the service nothing";
     EXPECT_EQ(FindContextByFileObject(FileObjectOf(stays), TRUE), nullptr);
@@ -230,20 +231,28 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderGivesTheFileObjectARecord)
         Close(own);
     }
 
-    HANDLE in = Open(u"\\Outside\\in.txt", kRenameAccess);
-    ASSERT_EQ(Rename(in, u"\\??\\C:\\Data\\in.txt"), STATUS_SUCCESS);
-    EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}))
-        << "the service's own rename asked nothing";
-    const std::vector<RequestView> requests = RequestsSince(mark);
-    ASSERT_FALSE(requests.empty());
-    EXPECT_EQ(Text(requests.back().path), Text(OnVolume(u"\\Data\\in.txt")));
-    FileContext* pContext = FindContextByFileObject(FileObjectOf(in), FALSE);
-    ASSERT_NE(pContext, nullptr);
-    EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrPath), Text(OnVolume(u"\\Data\\in.txt")));
-    EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrSid), Text(kAlice));
-    EXPECT_EQ(pContext->OnClose, ULONG{ON_CLOSE_UPLOAD});
-    EXPECT_EQ(pContext->bExcluded, 0);
-    Close(in);
+    // The first round counts from before the service's own rename, which asks nothing. The rename
+    // is not synchronized: where it completes at DISPATCH_LEVEL, its requests go out from a thread
+    // where waiting is allowed.
+    for (auto where : {ntsim::PostOperationContext::IssuingThread, ntsim::PostOperationContext::ArbitraryThread}) {
+        ntsim::ScopedPostOperationContext context(where);
+        const std::u16string name = where == ntsim::PostOperationContext::IssuingThread ? u"in.txt" : u"late.txt";
+        SCOPED_TRACE(Text(name));
+        HANDLE in = Open(u"\\Outside\\" + name, kRenameAccess);
+        ASSERT_EQ(Rename(in, u"\\??\\C:\\Data\\" + name), STATUS_SUCCESS);
+        EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}));
+        const std::vector<RequestView> requests = RequestsSince(mark);
+        ASSERT_FALSE(requests.empty());
+        EXPECT_EQ(Text(requests.back().path), Text(OnVolume(u"\\Data\\" + name)));
+        FileContext* pContext = FindContextByFileObject(FileObjectOf(in), FALSE);
+        ASSERT_NE(pContext, nullptr);
+        EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrPath), Text(OnVolume(u"\\Data\\" + name)));
+        EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrSid), Text(kAlice));
+        EXPECT_EQ(pContext->OnClose, ULONG{ON_CLOSE_UPLOAD});
+        EXPECT_EQ(pContext->bExcluded, 0);
+        Close(in);
+        mark = Mark();
+    }
 }
 
 // An excluded file that stays excluded needs no record; one that the file system refuses to move
@@ -268,24 +277,6 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderMakesNoRecordThatWouldFollowN
     EXPECT_EQ(FindContextByFileObject(FileObjectOf(refused), FALSE), nullptr) << "its operations pass";
     EXPECT_NE(FindContextByFileObject(FileObjectOf(refused), TRUE), nullptr) << "its close frees the record";
     Close(refused);
-}
-
-// The rename into a managed folder is not synchronized: where it completes at DISPATCH_LEVEL, its
-// requests go out from a thread where waiting is allowed.
-TEST_F(SetInformationTest, RenameIntoAManagedFolderCompletingAtDispatchLevelStillReachesTheService)
-{
-    volume_->SeedFile(u"\\Outside\\late.txt", "content");
-    Serve();
-    ntsim::ScopedPostOperationContext dispatch(ntsim::PostOperationContext::ArbitraryThread);
-
-    HANDLE late = Open(u"\\Outside\\late.txt", kRenameAccess);
-    const size_t mark = Mark();
-    ASSERT_EQ(Rename(late, u"\\??\\C:\\Data\\late.txt"), STATUS_SUCCESS);
-    EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}));
-    FileContext* pContext = FindContextByFileObject(FileObjectOf(late), FALSE);
-    ASSERT_NE(pContext, nullptr);
-    EXPECT_EQ(pContext->OnClose, ULONG{ON_CLOSE_UPLOAD});
-    Close(late);
 }
 
 // A relative target names no volume, and the Ex forms of rename and disposition aren't followed.
