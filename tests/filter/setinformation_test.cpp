@@ -70,7 +70,7 @@ std::vector<uint32_t> After(std::vector<uint32_t> first, const std::vector<uint3
 
 class SetInformationTest : public FollowedFileTest {
 protected:
-    // The codes of the requests since `from` that this Part's steps send: exclusion questions,
+    // The codes of the requests since `from` that the set-information handling sends: exclusion questions,
     // which the exclusion cache answers or not, are left out.
     std::vector<uint32_t> StepsSince(size_t from) const
     {
