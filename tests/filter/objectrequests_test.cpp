@@ -14,6 +14,7 @@
 #include <memory>
 #include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fileaccess.h"
@@ -33,8 +34,7 @@ std::u16string OnVolume(std::u16string_view path)
     return std::u16string(u"\\Device\\HarddiskVolume2") + std::u16string(path);
 }
 
-// A file with its marker stream on C:, and what its requests take. The members are public for the
-// calls that a table of cases makes.
+// A file with its marker stream on C:, and what its requests take.
 class ObjectRequestTest : public RequestTest {
 public:
     void SetUp() override
@@ -47,6 +47,14 @@ public:
     }
 
     PCFLT_RELATED_OBJECTS objects() const { return objects_.get(); }
+
+    // Code 3 as the open's caller makes it, with the file's block unless withBlock is false.
+    NTSTATUS Download(UCHAR& cancelled, UCHAR& locked, UCHAR& track, HANDLE opener = nullptr, bool withBlock = true)
+    {
+        return ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), withBlock ? &basic_ : nullptr, nullptr,
+                                                       withBlock ? 1 : 0, &cancelled, &locked, objects(), &iopb_,
+                                                       &track, opener);
+    }
 
     FILE_BASIC_INFORMATION basic_{};
     std::unique_ptr<FLT_RELATED_OBJECTS> objects_;
@@ -61,7 +69,7 @@ public:
 // One request routine called as its caller would, and the message it should send.
 struct MessageCase {
     const char* name;
-    std::function<NTSTATUS(ObjectRequestTest&)> call;
+    std::function<NTSTATUS()> call;
     std::function<void(Image&)> fields;  // everything behind the common head and the SID
     uint32_t code = 0;
     size_t tailBytes = 0;  // beyond the path
@@ -75,8 +83,9 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
     const std::u16string renamed = OnVolume(u"\\Data\\renamed.txt");
     const std::u16string signature = u"sig-7";
     ntsim::UnicodeStringHolder renamedText(renamed);
-    ntsim::UnicodeStringHolder signatureText(signature);
+    ntsim::UnicodeStringHolder sigText(signature);
     FILE_OBJECT fileObject{};
+    PCUNICODE_STRING sid = sid_.get(), pathText = path_.get();
     const FILE_BASIC_INFORMATION basic = basic_;
     auto block = [basic](size_t offset) {
         return [basic, offset](Image& image) { image.PutFileBlock(offset, basic, 11); };
@@ -84,30 +93,27 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
 
     const std::vector<MessageCase> cases = {
         {.name = "ObjectExists",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              UCHAR exists = 0, second = 0;
-             return ServiceRequest_ObjectExists(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, &exists, &second);
+             return ServiceRequest_ObjectExists(sid, pathText, objects(), &iopb_, &exists, &second);
          },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); },
          .code = 1, .replyLength = 18},
         {.name = "ObjectRenameFromManaged",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectRenameFromManaged(t.sid_.get(), t.path_.get(), 1, t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectRenameFromManaged(sid, pathText, 1, objects(), &iopb_); },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); image.Put<uint8_t>(625, 1); },
          .code = 2, .replyLength = 16},
         {.name = "ObjectDownloadIfRequired",
-         .call = [](ObjectRequestTest& t) {
-             t.SetCreate((FILE_OPEN_IF << 24) | FILE_NON_DIRECTORY_FILE, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                         FILE_GENERIC_WRITE);
+         .call = [&] {
+             SetCreate((FILE_OPEN_IF << 24) | FILE_NON_DIRECTORY_FILE, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                       FILE_GENERIC_WRITE);
              FILE_STANDARD_INFORMATION standard{};
              standard.AllocationSize.QuadPart = 4096;
              standard.EndOfFile.QuadPart = 11;
              standard.NumberOfLinks = 1;
              UCHAR cancelled = 0, locked = 0, track = 0;
-             return ServiceRequest_ObjectDownloadIfRequired(t.sid_.get(), t.path_.get(), &t.basic_, &standard, 1,
-                                                            &cancelled, &locked, t.objects(), &t.iopb_, &track,
-                                                            nullptr);
+             return ServiceRequest_ObjectDownloadIfRequired(sid, pathText, &basic_, &standard, 1, &cancelled, &locked,
+                                                            objects(), &iopb_, &track, nullptr);
          },
          .fields = [&](Image& image) {
              image.Put<uint32_t>(560, (FILE_OPEN_IF << 24) | FILE_NON_DIRECTORY_FILE);
@@ -118,10 +124,7 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 3, .replyLength = 19},
         {.name = "ObjectUploadIfRequired",
-         .call = [&](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectUploadIfRequired(t.sid_.get(), t.path_.get(), signatureText.get(), &t.iopb_,
-                                                          t.objects());
-         },
+         .call = [&] { return ServiceRequest_ObjectUploadIfRequired(sid, pathText, sigText.get(), &iopb_, objects()); },
          .fields = [&](Image& image) {
              image.Put<uint32_t>(560, (uint32_t)signature.size() * 2);
              block(568)(image);
@@ -130,13 +133,11 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 4, .tailBytes = signature.size() * 2, .replyLength = 16},
         {.name = "ObjectDeleted",
-         .call = [](ObjectRequestTest& t) { return ServiceRequest_ObjectDeleted(t.sid_.get(), t.path_.get()); },
+         .call = [&] { return ServiceRequest_ObjectDeleted(sid, pathText); },
          .fields = [](Image&) {},
          .code = 7, .replyLength = 16},
         {.name = "ObjectRename",
-         .call = [&](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectRename(t.sid_.get(), t.path_.get(), renamedText.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectRename(sid, pathText, renamedText.get(), objects(), &iopb_); },
          .fields = [&](Image& image) {
              // Nothing stands at the new path yet: its block is the unknown pattern.
              image.Put<uint32_t>(560, (uint32_t)renamed.size() * 2);
@@ -145,38 +146,33 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 8, .tailBytes = renamed.size() * 2, .replyLength = 16},
         {.name = "ObjectSignature",
-         .call = [](ObjectRequestTest& t) {
-             t.SetCreate(FILE_OPEN << 24, 0, FILE_WRITE_DATA | SYNCHRONIZE);
-             return ServiceRequest_ObjectSignature(t.sid_.get(), t.path_.get(), nullptr, t.objects(), &t.iopb_);
+         .call = [&] {
+             SetCreate(FILE_OPEN << 24, 0, FILE_WRITE_DATA | SYNCHRONIZE);
+             return ServiceRequest_ObjectSignature(sid, pathText, nullptr, objects(), &iopb_);
          },
          .fields = [&](Image& image) { image.Put<uint32_t>(560, FILE_WRITE_DATA | SYNCHRONIZE); block(568)(image); },
          .code = 12, .replyLength = 538},
         {.name = "ObjectInformation",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              FILE_BASIC_INFORMATION out{};
-             return ServiceRequest_ObjectInformation(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, &out,
-                                                     nullptr);
+             return ServiceRequest_ObjectInformation(sid, pathText, objects(), &iopb_, &out, nullptr);
          },
          .fields = block(560),  // and no marker byte
          .code = 14, .replyLength = 80},
         {.name = "ObjectIsExcludedFile",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectIsExcludedFile(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectIsExcludedFile(sid, pathText, objects(), &iopb_); },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); },
          .code = 16, .replyLength = 16},
         {.name = "ObjectCancelUpload",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectCancelUpload(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectCancelUpload(sid, pathText, objects(), &iopb_); },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); },
          .code = 17, .replyLength = 16},
         {.name = "ObjectRedirectAttributes",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              OwnedString* name = nullptr;
              UCHAR redirected = 1, reparse = 1;
-             return ServiceRequest_ObjectRedirectAttributes(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, &name,
-                                                            &redirected, &reparse);
+             return ServiceRequest_ObjectRedirectAttributes(sid, pathText, objects(), &iopb_, &name, &redirected,
+                                                            &reparse);
          },
          .fields = [&](Image& image) {
              image.Put<uint32_t>(560, 260);  // the path is shorter than 260 bytes
@@ -185,33 +181,31 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
          },
          .code = 18, .replyLength = 284},
         {.name = "ObjectWriteNotify",
-         .call = [](ObjectRequestTest& t) { return ServiceRequest_ObjectWriteNotify(t.sid_.get(), t.path_.get()); },
+         .call = [&] { return ServiceRequest_ObjectWriteNotify(sid, pathText); },
          .fields = [](Image&) {},
          .code = 19, .replyLength = 16},
         {.name = "ObjectIsReadOnly",
-         .call = [](ObjectRequestTest& t) {
+         .call = [&] {
              UCHAR readOnly = 0;
-             return ServiceRequest_ObjectIsReadOnly(t.sid_.get(), t.path_.get(), &readOnly);
+             return ServiceRequest_ObjectIsReadOnly(sid, pathText, &readOnly);
          },
          .fields = [](Image&) {},
          .code = 20, .replyLength = 17},
         {.name = "ObjectChanged",
-         .call = [&](ObjectRequestTest& t) {
-             t.iopb_.TargetFileObject = &fileObject;
-             NTSTATUS status = ServiceRequest_ObjectChanged(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_, 1);
-             t.iopb_.TargetFileObject = nullptr;
+         .call = [&] {
+             iopb_.TargetFileObject = &fileObject;
+             NTSTATUS status = ServiceRequest_ObjectChanged(sid, pathText, objects(), &iopb_, 1);
+             iopb_.TargetFileObject = nullptr;
              return status;
          },
          .fields = [&](Image& image) { block(560)(image); image.Put<uint8_t>(624, 1); image.Put<uint8_t>(625, 1); },
          .code = 21, .replyLength = 24},
         {.name = "ObjectIsLocked",
-         .call = [](ObjectRequestTest& t) { return ServiceRequest_ObjectIsLocked(t.sid_.get(), t.path_.get()); },
+         .call = [&] { return ServiceRequest_ObjectIsLocked(sid, pathText); },
          .fields = [](Image&) {},  // 560: bLocked, always 0
          .code = 22, .replyLength = 16},
         {.name = "ObjectRenameToManaged",
-         .call = [](ObjectRequestTest& t) {
-             return ServiceRequest_ObjectRenameToManaged(t.sid_.get(), t.path_.get(), t.objects(), &t.iopb_);
-         },
+         .call = [&] { return ServiceRequest_ObjectRenameToManaged(sid, pathText, objects(), &iopb_); },
          .fields = block(560),  // and no marker byte
          .code = 23, .replyLength = 16},
     };
@@ -221,7 +215,7 @@ TEST_F(ObjectRequestTest, EachObjectRequestSendsItsFieldsAtTheirOffsetsAndWaitsF
     for (const MessageCase& request : cases) {
         SCOPED_TRACE(request.name);
         const size_t before = service.RequestCount();
-        EXPECT_EQ(request.call(*this), STATUS_SUCCESS);
+        EXPECT_EQ(request.call(), STATUS_SUCCESS);
         ASSERT_TRUE(service.WaitForHandled(before + 1));
 
         Image expected(request.code, 2088 + pathBytes + request.tailBytes);
@@ -245,32 +239,10 @@ TEST_F(ObjectRequestTest, UploadWithoutSignatureIsTheHeadAndThePathAlone)
 
     EXPECT_EQ(ServiceRequest_ObjectUploadIfRequired(sid_.get(), path_.get(), nullptr, &iopb_, objects()),
               STATUS_SUCCESS);
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 1u);
-    const size_t pathBytes = OnVolume(kFile).size() * 2;
-    EXPECT_EQ(requests[0].bytes.size(), 2088 + pathBytes);
-    uint32_t secondLength = 0xFFFFFFFF;
-    std::memcpy(&secondLength, requests[0].bytes.data() + 560, 4);
-    EXPECT_EQ(secondLength, 0u);
-}
-
-TEST_F(ObjectRequestTest, RenameOfFortyAndFortyFourBytesIsAMessageOf2172WithTheNewPathAt2128)
-{
-    ntsim::UnicodeStringHolder oldPath(u"\\Device\\Vol\\olds.txt");    // 40 bytes
-    ntsim::UnicodeStringHolder newPath(u"\\Device\\Vol\\newest.txt");  // 44 bytes
-    ScriptedResponder service;
-    ASSERT_EQ(service.Connect(), S_OK);
-
-    EXPECT_EQ(ServiceRequest_ObjectRename(sid_.get(), oldPath.get(), newPath.get(), objects(), &iopb_),
-              STATUS_SUCCESS);
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].bytes.size(), 2172u);
-    ASSERT_TRUE(requests[0].view.has_value()) << requests[0].decodeError;
-    EXPECT_EQ(requests[0].view->messageLength, 2172u);
-    EXPECT_EQ(requests[0].view->secondString, u"\\Device\\Vol\\newest.txt");
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(requests[0].bytes.data() + 2128), 22),
-              u"\\Device\\Vol\\newest.txt");
+    ASSERT_EQ(service.RequestCount(), 1u);
+    const std::vector<uint8_t> bytes = service.Requests()[0].bytes;
+    EXPECT_EQ(bytes.size(), 2088 + OnVolume(kFile).size() * 2);
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 560, bytes.begin() + 564), std::vector<uint8_t>(4, 0));
 }
 
 TEST_F(ObjectRequestTest, DownloadSendsTheLoopbackOpenersProcessIdWhenGivenAndItsOwnOtherwise)
@@ -279,12 +251,8 @@ TEST_F(ObjectRequestTest, DownloadSendsTheLoopbackOpenersProcessIdWhenGivenAndIt
     ASSERT_EQ(service.Connect(), S_OK);
     UCHAR cancelled = 0, locked = 0, track = 0;
 
-    ASSERT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), nullptr, nullptr, 0, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, (HANDLE)(ULONG_PTR)4242),
-              STATUS_SUCCESS);
-    ASSERT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), nullptr, nullptr, 0, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, nullptr),
-              STATUS_SUCCESS);
+    ASSERT_EQ(Download(cancelled, locked, track, (HANDLE)(ULONG_PTR)4242, false), STATUS_SUCCESS);
+    ASSERT_EQ(Download(cancelled, locked, track, nullptr, false), STATUS_SUCCESS);
 
     const auto requests = service.Requests();
     ASSERT_EQ(requests.size(), 2u);
@@ -310,20 +278,12 @@ TEST_F(ObjectRequestTest, DownloadTakesItsFlagsFromAGoodReplyAndNoneFromARefusal
     ASSERT_EQ(service.Connect(), S_OK);
 
     UCHAR cancelled = 7, locked = 7, track = 7;
-    EXPECT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), &basic_, nullptr, 1, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, nullptr),
-              STATUS_SUCCESS);
-    EXPECT_EQ(cancelled, 1);
-    EXPECT_EQ(locked, 0);
-    EXPECT_EQ(track, 1);
+    EXPECT_EQ(Download(cancelled, locked, track), STATUS_SUCCESS);
+    EXPECT_EQ(std::make_tuple(cancelled, locked, track), std::make_tuple(1, 0, 1));
 
     cancelled = locked = track = 0;
-    EXPECT_EQ(ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), &basic_, nullptr, 1, &cancelled,
-                                                      &locked, objects(), &iopb_, &track, nullptr),
-              STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(cancelled, 0);
-    EXPECT_EQ(locked, 0);
-    EXPECT_EQ(track, 0);
+    EXPECT_EQ(Download(cancelled, locked, track), STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(std::make_tuple(cancelled, locked, track), std::make_tuple(0, 0, 0));
 }
 
 TEST_F(ObjectRequestTest, ExistsInformationAndReadOnlyTakeTheirPayloadWhateverTheStatus)
@@ -356,12 +316,10 @@ TEST_F(ObjectRequestTest, ExistsInformationAndReadOnlyTakeTheirPayloadWhateverTh
     FILE_STANDARD_INFORMATION standard{};
     EXPECT_EQ(ServiceRequest_ObjectInformation(sid_.get(), path_.get(), objects(), &iopb_, &basic, &standard),
               STATUS_SUCCESS);
-    EXPECT_EQ(basic.CreationTime.QuadPart, 11);
-    EXPECT_EQ(basic.LastWriteTime.QuadPart, 33);
-    EXPECT_EQ(basic.FileAttributes, (ULONG)FILE_ATTRIBUTE_READONLY);
-    EXPECT_EQ(standard.EndOfFile.QuadPart, 99);
-    EXPECT_EQ(standard.NumberOfLinks, 2u);
-    EXPECT_EQ(standard.Directory, 1);
+    EXPECT_EQ(std::make_tuple(basic.CreationTime.QuadPart, basic.LastWriteTime.QuadPart, basic.FileAttributes),
+              std::make_tuple(11LL, 33LL, (ULONG)FILE_ATTRIBUTE_READONLY));
+    EXPECT_EQ(std::make_tuple(standard.EndOfFile.QuadPart, standard.NumberOfLinks, standard.Directory),
+              std::make_tuple(99LL, 2UL, (BOOLEAN)1));
     FILE_STANDARD_INFORMATION standardOnly{};
     EXPECT_EQ(ServiceRequest_ObjectInformation(sid_.get(), path_.get(), objects(), &iopb_, nullptr, &standardOnly),
               STATUS_SUCCESS);
@@ -381,24 +339,23 @@ TEST_F(ObjectRequestTest, NoticesReturnTheServicesStatus)
     FILE_OBJECT fileObject{};
     iopb_.TargetFileObject = &fileObject;
 
-    EXPECT_EQ(ServiceRequest_ObjectIsExcludedFile(sid_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectRenameFromManaged(sid_.get(), path_.get(), 0, objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectUploadIfRequired(sid_.get(), path_.get(), nullptr, &iopb_, objects()),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectDeleted(sid_.get(), path_.get()), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectRename(sid_.get(), path_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectCancelUpload(sid_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectWriteNotify(sid_.get(), path_.get()), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectChanged(sid_.get(), path_.get(), objects(), &iopb_, 0),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectIsLocked(sid_.get(), path_.get()), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(ServiceRequest_ObjectRenameToManaged(sid_.get(), path_.get(), objects(), &iopb_),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(service.RequestCount(), 10u);
+    PCUNICODE_STRING sid = sid_.get(), path = path_.get();
+    const NTSTATUS results[] = {
+        ServiceRequest_ObjectIsExcludedFile(sid, path, objects(), &iopb_),
+        ServiceRequest_ObjectRenameFromManaged(sid, path, 0, objects(), &iopb_),
+        ServiceRequest_ObjectUploadIfRequired(sid, path, nullptr, &iopb_, objects()),
+        ServiceRequest_ObjectDeleted(sid, path),
+        ServiceRequest_ObjectRename(sid, path, path, objects(), &iopb_),
+        ServiceRequest_ObjectCancelUpload(sid, path, objects(), &iopb_),
+        ServiceRequest_ObjectWriteNotify(sid, path),
+        ServiceRequest_ObjectChanged(sid, path, objects(), &iopb_, 0),
+        ServiceRequest_ObjectIsLocked(sid, path),
+        ServiceRequest_ObjectRenameToManaged(sid, path, objects(), &iopb_),
+    };
+    for (size_t index = 0; index < std::size(results); index++) {
+        EXPECT_EQ(results[index], STATUS_OBJECT_NAME_NOT_FOUND) << "call " << index;
+    }
+    EXPECT_EQ(service.RequestCount(), std::size(results));
 }
 
 TEST_F(ObjectRequestTest, SignatureNameOf260CharactersIsTakenAndAFieldWithoutAZeroLeavesTheNameAsItWas)
@@ -481,48 +438,35 @@ protected:
     }
 };
 
-TEST_F(RedirectTest, NameOfExactlyTheCapacityIsTakenAtTheFirstTurn)
+// A name of exactly the capacity (260 bytes) is taken at the first turn; one character longer asks
+// once more with room for it, in the first message with only its capacity changed.
+TEST_F(RedirectTest, NameOfTheCapacityIsTakenAtOnceAndALongerOneAtASecondTurnOfTheSameMessage)
 {
-    const std::u16string name = u"\\??\\C:\\Dummy\\" + std::u16string(130 - 13, u'd');  // 260 bytes
-    ASSERT_EQ(name.size() * 2, 260u);
-    ScriptedResponder service;
-    service.AddRule({.code = SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES,
-                     .reply = {.status = 0, .reparse = true, .redirected = true, .name = name}});
-    ASSERT_EQ(service.Connect(), S_OK);
+    for (size_t characters : {130, 131}) {
+        SCOPED_TRACE(characters);
+        const std::u16string name = u"\\??\\C:\\Dummy\\" + std::u16string(characters - 13, u'd');
+        const bool once = characters == 130;
+        ScriptedResponder service;
+        service.AddRule({.code = SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES,
+                         .reply = {.status = 0, .reparse = once, .redirected = true, .name = name}});
+        ASSERT_EQ(service.Connect(), S_OK);
 
-    const Result result = Redirect(path_.get());
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.redirected, 1);
-    EXPECT_EQ(result.reparse, 1);
-    EXPECT_EQ(result.name, ntsim::ToUtf8(name));
-    EXPECT_EQ(Capacities(service), (std::vector<uint32_t>{260}));
-}
-
-TEST_F(RedirectTest, NameOneCharacterLongerAsksOnceMoreWithRoomForItAndOtherwiseTheSameMessage)
-{
-    const std::u16string name = u"\\??\\C:\\Dummy\\" + std::u16string(131 - 13, u'd');  // 262 bytes
-    ScriptedResponder service;
-    service.AddRule({.code = SERVICE_REQUEST_OBJECT_REDIRECT_ATTRIBUTES,
-                     .reply = {.reparse = false, .redirected = true, .name = name}});
-    ASSERT_EQ(service.Connect(), S_OK);
-
-    const Result result = Redirect(path_.get());
-    EXPECT_EQ(result.status, STATUS_SUCCESS);
-    EXPECT_EQ(result.redirected, 1);
-    EXPECT_EQ(result.reparse, 0);
-    EXPECT_EQ(result.name, ntsim::ToUtf8(name));
-    EXPECT_EQ(Capacities(service), (std::vector<uint32_t>{260, 262}));
-
-    // The second turn is the first message with its capacity changed: same process, thread, block
-    // and path.
-    const auto requests = service.Requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[1].replyLength, 262u + 24);
-    std::vector<uint8_t> first = requests[0].bytes;
-    std::vector<uint8_t> second = requests[1].bytes;
-    std::memset(first.data() + 560, 0, 4);
-    std::memset(second.data() + 560, 0, 4);
-    EXPECT_EQ(first, second) << FirstDifference(second, first);
+        const Result result = Redirect(path_.get());
+        EXPECT_EQ(result.status, STATUS_SUCCESS);
+        EXPECT_EQ(result.redirected, 1);
+        EXPECT_EQ(result.reparse, once ? 1 : 0);
+        EXPECT_EQ(result.name, ntsim::ToUtf8(name));
+        EXPECT_EQ(Capacities(service), (once ? std::vector<uint32_t>{260} : std::vector<uint32_t>{260, 262}));
+        if (!once) {
+            const auto requests = service.Requests();
+            ASSERT_EQ(requests.size(), 2u);
+            EXPECT_EQ(requests[1].replyLength, 262u + 24);
+            std::vector<uint8_t> first = requests[0].bytes, second = requests[1].bytes;
+            std::memset(first.data() + 560, 0, 4);
+            std::memset(second.data() + 560, 0, 4);
+            EXPECT_EQ(first, second) << FirstDifference(second, first);
+        }
+    }
 }
 
 TEST_F(RedirectTest, PathLongerThan260BytesGivesTheFirstReplyRoomForThePathsLength)
@@ -616,29 +560,19 @@ TEST_F(ObjectRequestTest, EachRoutineRefusesItsMissingArgumentsAndSendsNothing)
     FLT_IO_PARAMETER_BLOCK noFileObject = iopb_;  // an instance, no file object
     PCUNICODE_STRING sid = sid_.get();
     PCUNICODE_STRING path = path_.get();
+    auto download = [&](PCUNICODE_STRING p, PUCHAR locked, PCFLT_RELATED_OBJECTS o, PFLT_IO_PARAMETER_BLOCK io) {
+        return ServiceRequest_ObjectDownloadIfRequired(sid, p, &basic, nullptr, 0, &flag, locked, o, io, &flag, {});
+    };
+    auto redirect = [&](PCUNICODE_STRING s, OwnedString** out) {
+        return ServiceRequest_ObjectRedirectAttributes(s, path, objects(), &iopb_, out, &flag, &flag);
+    };
 
     const std::vector<std::pair<const char*, std::function<NTSTATUS()>>> refused = {
         {"2 without path", [&] { return ServiceRequest_ObjectRenameFromManaged(sid, nullptr, 0, objects(), &iopb_); }},
-        {"3 without path",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, nullptr, &basic, nullptr, 0, &flag, &flag, objects(),
-                                                            &iopb_, &flag, nullptr);
-         }},
-        {"3 without an out",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, path, &basic, nullptr, 0, &flag, nullptr, objects(),
-                                                            &iopb_, &flag, nullptr);
-         }},
-        {"3 without FltObjects",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, path, &basic, nullptr, 0, &flag, &flag, nullptr,
-                                                            &iopb_, &flag, nullptr);
-         }},
-        {"3 without Iopb",
-         [&] {
-             return ServiceRequest_ObjectDownloadIfRequired(sid, path, &basic, nullptr, 0, &flag, &flag, objects(),
-                                                            nullptr, &flag, nullptr);
-         }},
+        {"3 without path", [&] { return download(nullptr, &flag, objects(), &iopb_); }},
+        {"3 without an out", [&] { return download(path, nullptr, objects(), &iopb_); }},
+        {"3 without FltObjects", [&] { return download(path, &flag, nullptr, &iopb_); }},
+        {"3 without Iopb", [&] { return download(path, &flag, objects(), nullptr); }},
         {"4 without instance",
          [&] { return ServiceRequest_ObjectUploadIfRequired(sid, path, nullptr, &noInstance, objects()); }},
         {"4 without Iopb", [&] { return ServiceRequest_ObjectUploadIfRequired(sid, path, nullptr, nullptr, objects()); }},
@@ -652,14 +586,8 @@ TEST_F(ObjectRequestTest, EachRoutineRefusesItsMissingArgumentsAndSendsNothing)
         {"16 without path", [&] { return ServiceRequest_ObjectIsExcludedFile(sid, nullptr, objects(), &iopb_); }},
         {"17 without SID", [&] { return ServiceRequest_ObjectCancelUpload(nullptr, path, objects(), &iopb_); }},
         {"17 without path", [&] { return ServiceRequest_ObjectCancelUpload(sid, nullptr, objects(), &iopb_); }},
-        {"18 without name out",
-         [&] {
-             return ServiceRequest_ObjectRedirectAttributes(sid, path, objects(), &iopb_, nullptr, &flag, &flag);
-         }},
-        {"18 without SID",
-         [&] {
-             return ServiceRequest_ObjectRedirectAttributes(nullptr, path, objects(), &iopb_, &name, &flag, &flag);
-         }},
+        {"18 without name out", [&] { return redirect(sid, nullptr); }},
+        {"18 without SID", [&] { return redirect(nullptr, &name); }},
         {"19 without path", [&] { return ServiceRequest_ObjectWriteNotify(sid, nullptr); }},
         {"19 without SID", [&] { return ServiceRequest_ObjectWriteNotify(nullptr, path); }},
         {"20 without SID", [&] { return ServiceRequest_ObjectIsReadOnly(nullptr, path, &flag); }},
@@ -750,10 +678,7 @@ TEST_F(ObjectRequestTest, TimeOutReachesTheCallerAsANonNegativeStatusWithItsOuts
     ASSERT_EQ(service.Connect(), S_OK);
 
     UCHAR cancelled = 5, locked = 5, track = 5, readOnly = 5;
-    auto download = std::async(std::launch::async, [&] {
-        return ServiceRequest_ObjectDownloadIfRequired(sid_.get(), path_.get(), &basic_, nullptr, 1, &cancelled,
-                                                       &locked, objects(), &iopb_, &track, nullptr);
-    });
+    auto download = std::async(std::launch::async, [&] { return Download(cancelled, locked, track); });
     auto readOnlyQuery = std::async(std::launch::async, [&] {
         return ServiceRequest_ObjectIsReadOnly(sid_.get(), path_.get(), &readOnly);
     });
@@ -765,10 +690,7 @@ TEST_F(ObjectRequestTest, TimeOutReachesTheCallerAsANonNegativeStatusWithItsOuts
     EXPECT_EQ(downloaded, STATUS_TIMEOUT);
     EXPECT_EQ(queried, STATUS_TIMEOUT);
     EXPECT_TRUE(NT_SUCCESS(downloaded));
-    EXPECT_EQ(cancelled, 5);
-    EXPECT_EQ(locked, 5);
-    EXPECT_EQ(track, 5);
-    EXPECT_EQ(readOnly, 5);
+    EXPECT_EQ(std::make_tuple(cancelled, locked, track, readOnly), std::make_tuple(5, 5, 5, 5));
 }
 
 // A filter below FolderMerge, loaded for as long as the object lives: its pre-operation callback sees

@@ -270,18 +270,14 @@ TEST_F(ServicePorts, ConnectionsOfOneKindRacingEachOtherLeaveExactlyOne)
     std::atomic<int> ready{0};
     std::vector<HRESULT> results(kRacers, E_FAIL);
     {
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (int index = 0; index < kRacers; index++) {
             threads.emplace_back([&, index] {
-                ready++;
-                while (ready < kRacers) {
+                for (ready++; ready < kRacers;) {
                     std::this_thread::yield();
                 }
                 results[index] = racers[index]->ConnectThread();
             });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
         }
     }
     EXPECT_EQ(std::count(results.begin(), results.end(), S_OK), 1);
@@ -333,11 +329,12 @@ TEST_F(ServicePorts, OutputIsAZeroedCopyThatOnlySuccessBringsBack)
         std::memcpy(message, &code, sizeof(code));
         return service_->Send(service_->Heap(message, sizeof(message)), inputSize, output, outputSize);
     };
+    auto bytes = [](const UCHAR* output) { return std::vector<UCHAR>(output, output + 16); };
 
     // An unknown code does nothing and succeeds: the zeroed copy goes back whole, with no length.
     UCHAR* output = service_->Heap(16, 0xAA);
     EXPECT_EQ(send(99, 8, output, 16), S_OK);
-    EXPECT_EQ(std::vector<UCHAR>(output, output + 16), std::vector<UCHAR>(16, 0));
+    EXPECT_EQ(bytes(output), std::vector<UCHAR>(16, 0));
     EXPECT_EQ(service_->lastReturned(), 0u);
 
     // The dirty block queries need an output buffer; without one nothing is even allocated.
@@ -347,7 +344,7 @@ TEST_F(ServicePorts, OutputIsAZeroedCopyThatOnlySuccessBringsBack)
         // With one, a query that fails (an empty path names no volume) copies nothing back.
         output = service_->Heap(16, 0xAA);
         EXPECT_EQ(send(code, 16, output, 16), HRESULT_FROM_WIN32(ERROR_BAD_PATHNAME));
-        EXPECT_EQ(std::vector<UCHAR>(output, output + 16), std::vector<UCHAR>(16, 0xAA));
+        EXPECT_EQ(bytes(output), std::vector<UCHAR>(16, 0xAA));
     }
 
     // A configuration that fails copies nothing either.
@@ -355,7 +352,7 @@ TEST_F(ServicePorts, OutputIsAZeroedCopyThatOnlySuccessBringsBack)
     SetConfigurationMessage* configuration = service_->Configuration({{kAlice, u"C:\\Data", true}});
     configuration->ConfigVersion = 3;
     EXPECT_EQ(service_->Send(configuration, sizeof(*configuration), output, 16), E_INVALIDARG);
-    EXPECT_EQ(std::vector<UCHAR>(output, output + 16), std::vector<UCHAR>(16, 0xAA));
+    EXPECT_EQ(bytes(output), std::vector<UCHAR>(16, 0xAA));
 
     // No pool for the copy: refused before the code is obeyed.
     ntsim::faults::FailAllocationsWithTag(FOLDERMERGE_POOL_TAG, ntsim::faults::Persistence::Once);

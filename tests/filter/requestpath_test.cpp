@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <optional>
 
 #include "driver/globals.h"
 #include "driver/identity.h"
@@ -82,21 +83,40 @@ protected:
         return path;
     }
 
+    // The path of an open of name, relative to an open of related when one is given.
+    std::string PathOf(std::u16string_view name, std::optional<std::u16string_view> related = std::nullopt)
+    {
+        std::optional<NamedFileObject> relatedObject;
+        if (related) {
+            relatedObject.emplace(*related);
+        }
+        NamedFileObject file(name, relatedObject ? &relatedObject->fileObject : nullptr);
+        return Path(&file.fileObject);
+    }
+
     PFLT_VOLUME volume_ = nullptr;
 };
 
-TEST_F(RequestPath, TheVolumeNameComesBeforeTheNameAsTheCallerGaveIt)
+// The volume name comes before the name as the caller gave it; of the root, the volume itself (an
+// empty name) and trailing stars, only a trailing backslash and star is dropped, even one whose
+// halves come from the two names of a relative open.
+TEST_F(RequestPath, TheVolumeNameComesBeforeTheNameWithOnlyATrailingBackslashStarDropped)
 {
-    NamedFileObject file(u"\\Dir\\LONGFO~1\\a.txt\\");
-    EXPECT_EQ(Path(&file.fileObject), std::string(kVolume) + "\\Dir\\LONGFO~1\\a.txt\\");
-
-    // The root of the volume, and the volume itself (an empty name).
-    NamedFileObject root(u"\\");
-    EXPECT_EQ(Path(&root.fileObject), std::string(kVolume) + "\\");
-    NamedFileObject volume(u"");
-    EXPECT_EQ(Path(&volume.fileObject), kVolume);
+    const std::pair<std::u16string, std::string> cases[] = {
+        {u"\\Dir\\LONGFO~1\\a.txt\\", "\\Dir\\LONGFO~1\\a.txt\\"},
+        {u"\\", "\\"},
+        {u"", ""},
+        {u"\\Data\\*", "\\Data"},
+        {u"\\*", ""},
+        {u"\\Data*", "\\Data*"},
+        {u"\\*\\x", "\\*\\x"},
+    };
+    for (const auto& [name, expected] : cases) {
+        EXPECT_EQ(PathOf(name), kVolume + expected) << ntsim::ToUtf8(name);
+    }
     FILE_OBJECT noBuffer{};
     EXPECT_EQ(Path(&noBuffer), kVolume);
+    EXPECT_EQ(PathOf(u"*", u"\\Data\\"), std::string(kVolume) + "\\Data");
 }
 
 TEST_F(RequestPath, ARelativeOpenTakesOneLevelOfItsRelatedName)
@@ -108,37 +128,15 @@ TEST_F(RequestPath, ARelativeOpenTakesOneLevelOfItsRelatedName)
                                                                                "object isn't looked at";
 
     // A related name that ends in a backslash gets no second one; an empty related name gets one.
-    NamedFileObject slashed(u"\\dir\\");
-    NamedFileObject inSlashed(u"file", &slashed.fileObject);
-    EXPECT_EQ(Path(&inSlashed.fileObject), std::string(kVolume) + "\\dir\\file");
-    NamedFileObject rootRelated(u"\\");
-    NamedFileObject inRoot(u"file", &rootRelated.fileObject);
-    EXPECT_EQ(Path(&inRoot.fileObject), std::string(kVolume) + "\\file");
-    NamedFileObject emptyRelated(u"");
-    NamedFileObject inEmpty(u"file", &emptyRelated.fileObject);
-    EXPECT_EQ(Path(&inEmpty.fileObject), std::string(kVolume) + "\\file");
+    EXPECT_EQ(PathOf(u"file", u"\\dir\\"), std::string(kVolume) + "\\dir\\file");
+    EXPECT_EQ(PathOf(u"file", u"\\"), std::string(kVolume) + "\\file");
+    EXPECT_EQ(PathOf(u"file", u""), std::string(kVolume) + "\\file");
 
     // A related object without a name buffer, or a caller that leaves related names out.
     FILE_OBJECT unnamed{};
     NamedFileObject inUnnamed(u"file", &unnamed);
     EXPECT_EQ(Path(&inUnnamed.fileObject), std::string(kVolume) + "file");
     EXPECT_EQ(Path(&file.fileObject, FALSE), std::string(kVolume) + "file");
-}
-
-TEST_F(RequestPath, OnlyATrailingBackslashStarIsDropped)
-{
-    NamedFileObject all(u"\\Data\\*");
-    EXPECT_EQ(Path(&all.fileObject), std::string(kVolume) + "\\Data");
-    NamedFileObject rootAll(u"\\*");
-    EXPECT_EQ(Path(&rootAll.fileObject), kVolume);
-    NamedFileObject star(u"\\Data*");
-    EXPECT_EQ(Path(&star.fileObject), std::string(kVolume) + "\\Data*");
-    NamedFileObject middle(u"\\*\\x");
-    EXPECT_EQ(Path(&middle.fileObject), std::string(kVolume) + "\\*\\x");
-    // The backslash and star may come from the two halves of a relative open.
-    NamedFileObject directory(u"\\Data\\");
-    NamedFileObject relativeStar(u"*", &directory.fileObject);
-    EXPECT_EQ(Path(&relativeStar.fileObject), std::string(kVolume) + "\\Data");
 }
 
 TEST_F(RequestPath, ANameTooLongForAUnicodeStringFailsAndDoesNotWrap)

@@ -70,7 +70,7 @@ std::vector<uint32_t> After(std::vector<uint32_t> first, const std::vector<uint3
 
 class SetInformationTest : public FollowedFileTest {
 protected:
-    // The codes of the requests since `from` that this Part's steps send: exclusion questions,
+    // The codes of the requests since `from` that the set-information handling sends: exclusion questions,
     // which the exclusion cache answers or not, are left out.
     std::vector<uint32_t> StepsSince(size_t from) const
     {
@@ -213,6 +213,7 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderGivesTheFileObjectARecord)
     volume_->SeedFile(u"\\Outside\\in.txt", "content");
     volume_->SeedFile(u"\\Outside\\stays.txt", "content");
     volume_->SeedFile(u"\\Outside\\service.txt", "content");
+    volume_->SeedFile(u"\\Outside\\late.txt", "content");
     Serve();
 
     HANDLE stays = Open(u"\\Outside\\stays.txt", kRenameAccess);
@@ -230,20 +231,28 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderGivesTheFileObjectARecord)
         Close(own);
     }
 
-    HANDLE in = Open(u"\\Outside\\in.txt", kRenameAccess);
-    mark = Mark();
-    ASSERT_EQ(Rename(in, u"\\??\\C:\\Data\\in.txt"), STATUS_SUCCESS);
-    EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}));
-    const std::vector<RequestView> requests = RequestsSince(mark);
-    ASSERT_FALSE(requests.empty());
-    EXPECT_EQ(Text(requests.back().path), Text(OnVolume(u"\\Data\\in.txt")));
-    FileContext* pContext = FindContextByFileObject(FileObjectOf(in), FALSE);
-    ASSERT_NE(pContext, nullptr);
-    EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrPath), Text(OnVolume(u"\\Data\\in.txt")));
-    EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrSid), Text(kAlice));
-    EXPECT_EQ(pContext->OnClose, ULONG{ON_CLOSE_UPLOAD});
-    EXPECT_EQ(pContext->bExcluded, 0);
-    Close(in);
+    // The first round counts from before the service's own rename, which asks nothing. The rename
+    // is not synchronized: where it completes at DISPATCH_LEVEL, its requests go out from a thread
+    // where waiting is allowed.
+    for (auto where : {ntsim::PostOperationContext::IssuingThread, ntsim::PostOperationContext::ArbitraryThread}) {
+        ntsim::ScopedPostOperationContext context(where);
+        const std::u16string name = where == ntsim::PostOperationContext::IssuingThread ? u"in.txt" : u"late.txt";
+        SCOPED_TRACE(Text(name));
+        HANDLE in = Open(u"\\Outside\\" + name, kRenameAccess);
+        ASSERT_EQ(Rename(in, u"\\??\\C:\\Data\\" + name), STATUS_SUCCESS);
+        EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}));
+        const std::vector<RequestView> requests = RequestsSince(mark);
+        ASSERT_FALSE(requests.empty());
+        EXPECT_EQ(Text(requests.back().path), Text(OnVolume(u"\\Data\\" + name)));
+        FileContext* pContext = FindContextByFileObject(FileObjectOf(in), FALSE);
+        ASSERT_NE(pContext, nullptr);
+        EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrPath), Text(OnVolume(u"\\Data\\" + name)));
+        EXPECT_EQ(ntsim::ToUtf8(*pContext->pstrSid), Text(kAlice));
+        EXPECT_EQ(pContext->OnClose, ULONG{ON_CLOSE_UPLOAD});
+        EXPECT_EQ(pContext->bExcluded, 0);
+        Close(in);
+        mark = Mark();
+    }
 }
 
 // An excluded file that stays excluded needs no record; one that the file system refuses to move
@@ -270,24 +279,6 @@ TEST_F(SetInformationTest, RenameIntoAManagedFolderMakesNoRecordThatWouldFollowN
     Close(refused);
 }
 
-// The rename into a managed folder is not synchronized: where it completes at DISPATCH_LEVEL, its
-// requests go out from a thread where waiting is allowed.
-TEST_F(SetInformationTest, RenameIntoAManagedFolderCompletingAtDispatchLevelStillReachesTheService)
-{
-    volume_->SeedFile(u"\\Outside\\late.txt", "content");
-    Serve();
-    ntsim::ScopedPostOperationContext dispatch(ntsim::PostOperationContext::ArbitraryThread);
-
-    HANDLE late = Open(u"\\Outside\\late.txt", kRenameAccess);
-    const size_t mark = Mark();
-    ASSERT_EQ(Rename(late, u"\\??\\C:\\Data\\late.txt"), STATUS_SUCCESS);
-    EXPECT_EQ(StepsSince(mark), After(kTargetDirectoryOpen, {SERVICE_REQUEST_OBJECT_RENAME_TO_MANAGED}));
-    FileContext* pContext = FindContextByFileObject(FileObjectOf(late), FALSE);
-    ASSERT_NE(pContext, nullptr);
-    EXPECT_EQ(pContext->OnClose, ULONG{ON_CLOSE_UPLOAD});
-    Close(late);
-}
-
 // A relative target names no volume, and the Ex forms of rename and disposition aren't followed.
 TEST_F(SetInformationTest, RelativeTargetsAndExFormsPassUnseen)
 {
@@ -299,11 +290,8 @@ TEST_F(SetInformationTest, RelativeTargetsAndExFormsPassUnseen)
     ASSERT_EQ(Rename(file, u"renamed.txt"), STATUS_SUCCESS);
     EXPECT_TRUE(volume_->Exists(u"\\Data\\renamed.txt"));
     EXPECT_TRUE(StepsSince(mark).empty());
-
-    mark = Mark();
-
-    std::vector<UCHAR> ex = RenameRecord(u"\\??\\C:\\Data\\Docs\\ex.txt", false);
-    ASSERT_EQ(SetInformation(file, FileRenameInformationEx, ex), STATUS_SUCCESS);
+    ASSERT_EQ(SetInformation(file, FileRenameInformationEx, RenameRecord(u"\\??\\C:\\Data\\Docs\\ex.txt", false)),
+              STATUS_SUCCESS);
     EXPECT_TRUE(volume_->Exists(u"\\Data\\Docs\\ex.txt"));
     ASSERT_EQ(Set(file, FileDispositionInformationEx, FILE_DISPOSITION_INFORMATION_EX{FILE_DISPOSITION_DELETE}),
               STATUS_SUCCESS);
@@ -335,10 +323,10 @@ struct RefusalCase {
     std::u16string source;  // volume path
     bool followed = true;
     std::u16string target;  // \??\C:\...
-    FILE_INFORMATION_CLASS infoClass = FileRenameInformation;
-    bool replace = false;
     NTSTATUS status = STATUS_SUCCESS;  // what the caller sees
     bool moved = false;                // the file system made the change
+    FILE_INFORMATION_CLASS infoClass = FileRenameInformation;
+    bool replace = false;
     bool directory = false;
 };
 
@@ -350,37 +338,30 @@ TEST_F(SetInformationTest, EachRefusalOfARenameOrLinkEndsItBeforeTheFileSystem)
     volume_->SeedFile(u"\\Outside\\h2.txt", "content");
     volume_->SeedHardLink(u"\\Outside\\h2.txt", u"\\Outside\\h2link.txt");
     volume_->SeedFile(u"\\Data\\Docs\\c2.txt", "older");
+    const std::u16string data = u"\\??\\C:\\Data\\";
     const std::vector<RefusalCase> cases = {
-        {"link of a followed file", u"\\Data\\l1.txt", true, u"\\??\\C:\\Outside\\l1.txt", FileLinkInformation, false,
-         STATUS_ACCESS_DENIED},
-        {"link into a managed folder", u"\\Outside\\l2.txt", false, u"\\??\\C:\\Data\\l2.txt", FileLinkInformation,
-         false, STATUS_ACCESS_DENIED},
-        {"onto a read-only folder's own path", u"\\Data\\r1.txt", true, u"\\??\\C:\\ReadOnly", FileRenameInformation,
-         false, STATUS_ACCESS_DENIED},
+        {"link of a followed file", u"\\Data\\l1.txt", true, u"\\??\\C:\\Outside\\l1.txt", STATUS_ACCESS_DENIED, false,
+         FileLinkInformation},
+        {"link into a managed folder", u"\\Outside\\l2.txt", false, data + u"l2.txt", STATUS_ACCESS_DENIED, false,
+         FileLinkInformation},
+        {"onto a read-only folder's own path", u"\\Data\\r1.txt", true, u"\\??\\C:\\ReadOnly", STATUS_ACCESS_DENIED},
         {"unfollowed onto a read-only folder's own path", u"\\Outside\\r2.txt", false, u"\\??\\C:\\ReadOnly",
-         FileRenameInformation, false, STATUS_ACCESS_DENIED},
-        {"to a name read-only at the service", u"\\Data\\r3.txt", true, u"\\??\\C:\\Data\\Docs\\r3.txt",
-         FileRenameInformation, false, STATUS_ACCESS_DENIED},
-        {"to 520 bytes", u"\\Data\\n1.txt", true, u"\\??\\C:\\Data\\" + longName, FileRenameInformation, false,
-         STATUS_NO_SUCH_FILE},
-        {"unfollowed to 520 bytes", u"\\Outside\\n2.txt", false, u"\\??\\C:\\Data\\" + longName,
-         FileRenameInformation, false, STATUS_NO_SUCH_FILE},
-        {"to 518 bytes", u"\\Data\\n3.txt", true, u"\\??\\C:\\Data\\" + longName.substr(1), FileRenameInformation,
-         false, STATUS_SUCCESS, true},
-        {"to a name the service holds", u"\\Data\\c1.txt", true, u"\\??\\C:\\Data\\Docs\\c1.txt",
-         FileRenameInformation, false, STATUS_OBJECT_NAME_COLLISION},
-        {"replacing a name the service and the disk hold", u"\\Data\\c2.txt", true, u"\\??\\C:\\Data\\Docs\\c2.txt",
-         FileRenameInformation, true, STATUS_SUCCESS, true},
-        {"a file of two links new to the service", u"\\Data\\h1.txt", true, u"\\??\\C:\\Data\\Docs\\h1.txt",
-         FileRenameInformation, false, STATUS_CANNOT_MAKE},
-        {"unfollowed file of two links", u"\\Outside\\h2.txt", false, u"\\??\\C:\\Data\\h2.txt",
-         FileRenameInformation, false, STATUS_CANNOT_MAKE},
-        {"a merge folder's own directory", u"\\Data", true, u"\\??\\C:\\Moved", FileRenameInformation, false,
-         STATUS_ACCESS_DENIED, false, true},
+         STATUS_ACCESS_DENIED},
+        {"to a name read-only at the service", u"\\Data\\r3.txt", true, data + u"Docs\\r3.txt", STATUS_ACCESS_DENIED},
+        {"to 520 bytes", u"\\Data\\n1.txt", true, data + longName, STATUS_NO_SUCH_FILE},
+        {"unfollowed to 520 bytes", u"\\Outside\\n2.txt", false, data + longName, STATUS_NO_SUCH_FILE},
+        {"to 518 bytes", u"\\Data\\n3.txt", true, data + longName.substr(1), STATUS_SUCCESS, true},
+        {"to a name the service holds", u"\\Data\\c1.txt", true, data + u"Docs\\c1.txt", STATUS_OBJECT_NAME_COLLISION},
+        {"replacing a name the service and the disk hold", u"\\Data\\c2.txt", true, data + u"Docs\\c2.txt",
+         STATUS_SUCCESS, true, FileRenameInformation, true},
+        {"a file of two links new to the service", u"\\Data\\h1.txt", true, data + u"Docs\\h1.txt", STATUS_CANNOT_MAKE},
+        {"unfollowed file of two links", u"\\Outside\\h2.txt", false, data + u"h2.txt", STATUS_CANNOT_MAKE},
+        {"a merge folder's own directory", u"\\Data", true, u"\\??\\C:\\Moved", STATUS_ACCESS_DENIED, false,
+         FileRenameInformation, false, true},
         {"out of the managed folders, vetoed", u"\\Data\\v1.txt", true, u"\\??\\C:\\Outside\\v1.txt",
-         FileRenameInformation, false, STATUS_ACCESS_DENIED},
-        {"the service unable to take the new name", u"\\Data\\f1.txt", true, u"\\??\\C:\\Data\\Docs\\f1.txt",
-         FileRenameInformation, false, STATUS_OBJECT_NAME_INVALID, true},
+         STATUS_ACCESS_DENIED},
+        {"the service unable to take the new name", u"\\Data\\f1.txt", true, data + u"Docs\\f1.txt",
+         STATUS_OBJECT_NAME_INVALID, true},
     };
     for (const RefusalCase& refusal : cases) {
         if (!volume_->Exists(refusal.source)) {
@@ -420,12 +401,10 @@ TEST_F(SetInformationTest, DeleteDispositionEndsInItsLastStateAndCancelsAHeldBac
     ASSERT_EQ(pContext->bUploadCancelled, 1);
     const size_t mark = Mark();
 
-    ASSERT_EQ(Dispose(file, true), STATUS_SUCCESS);
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, ULONG{ON_CLOSE_DELETE_DISPOSITION});
-    ASSERT_EQ(Dispose(file, false), STATUS_SUCCESS);
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, 0u);
-    ASSERT_EQ(Dispose(file, true), STATUS_SUCCESS);
-    EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, ULONG{ON_CLOSE_DELETE_DISPOSITION});
+    for (bool deleteFile : {true, false, true}) {
+        ASSERT_EQ(Dispose(file, deleteFile), STATUS_SUCCESS);
+        EXPECT_EQ(pContext->OnClose & ON_CLOSE_DELETE_DISPOSITION, deleteFile ? ON_CLOSE_DELETE_DISPOSITION : 0u);
+    }
     EXPECT_EQ(pContext->bUploadCancelled, 1);
     EXPECT_EQ(StepsSince(mark), (std::vector<uint32_t>{SERVICE_REQUEST_OBJECT_CANCEL_UPLOAD,
                                                        SERVICE_REQUEST_OBJECT_CANCEL_UPLOAD}));

@@ -105,14 +105,15 @@ protected:
         return views;
     }
 
-    Codes NewCodes(bool withExclusions = false)
+    static Codes CodesOf(const std::vector<RequestView>& requests)
     {
         Codes codes;
-        for (const RequestView& request : NewRequests(withExclusions)) {
+        for (const RequestView& request : requests) {
             codes.push_back(request.code);
         }
         return codes;
     }
+    Codes NewCodes(bool withExclusions = false) { return CodesOf(NewRequests(withExclusions)); }
 
     std::shared_ptr<ntsim::Process> alice_;
     ScriptedResponder service_;
@@ -129,10 +130,8 @@ TEST_F(WholeOpen, TheRoadOfOneOpenAsksTheServiceInOrderAndEndsWithItsFileObject)
     // The exclusion query of the file's directory, then the download of the file as the disk holds
     // it, with the caller's own share access.
     const std::vector<RequestView> atOpen = NewRequests(true);
-    ASSERT_EQ(atOpen.size(), 2u);
-    EXPECT_EQ(atOpen[0].code, kExclusion);
+    ASSERT_EQ(CodesOf(atOpen), (Codes{kExclusion, kDownload}));
     EXPECT_EQ(atOpen[0].path, u"\\Device\\HarddiskVolume2\\Data");
-    EXPECT_EQ(atOpen[1].code, kDownload);
     EXPECT_EQ(atOpen[1].sid, kAlice);
     EXPECT_EQ(atOpen[1].path, kFile);
     EXPECT_EQ(atOpen[1].processId, reinterpret_cast<uint64_t>(alice_->Id()));
@@ -157,9 +156,8 @@ TEST_F(WholeOpen, TheRoadOfOneOpenAsksTheServiceInOrderAndEndsWithItsFileObject)
     // The last one's cleanup unlocks the file, and its close frees the record.
     Close(reader);
     const std::vector<RequestView> atCleanup = NewRequests(true);
-    ASSERT_EQ(atCleanup.size(), 1u);
-    EXPECT_EQ(atCleanup[0].code, kUnlock);
-    EXPECT_EQ(atCleanup[0].path, kFile);
+    EXPECT_EQ(CodesOf(atCleanup), Codes{kUnlock});
+    EXPECT_EQ(atCleanup.at(0).path, kFile);
 }
 
 // Each disposition's result, the signature of an open that writes, and whether the service hears of
@@ -198,8 +196,6 @@ TEST_F(WholeOpen, DispositionsThatReplaceTheContentAreReportedAtOnceAndUploadedA
         ASSERT_EQ(opened.status, STATUS_SUCCESS);
         EXPECT_EQ(opened.information, test.information);
         const std::vector<RequestView> atOpen = NewRequests();
-        ASSERT_FALSE(atOpen.empty());
-        EXPECT_EQ(atOpen[0].information->IsUnknown(), !test.exists) << "the download sees the disk before the open";
         Codes expected{kDownload};
         if (test.signature) {
             expected.push_back(kSignatureCode);
@@ -207,23 +203,18 @@ TEST_F(WholeOpen, DispositionsThatReplaceTheContentAreReportedAtOnceAndUploadedA
         if (replaced) {
             expected.push_back(kChanged);
         }
-        Codes codes;
-        for (const RequestView& request : atOpen) {
-            codes.push_back(request.code);
-        }
-        EXPECT_EQ(codes, expected);
+        ASSERT_EQ(CodesOf(atOpen), expected);
+        EXPECT_EQ(atOpen[0].information->IsUnknown(), !test.exists) << "the download sees the disk before the open";
         const FileContext* record = RecordOf(handle);
         ASSERT_NE(record, nullptr);
         EXPECT_EQ(record->OnClose, replaced ? ULONG{ON_CLOSE_UPLOAD} : 0u) << "set before any write";
 
         Close(handle);
         const std::vector<RequestView> atCleanup = NewRequests();
-        ASSERT_EQ(atCleanup.size(), replaced ? 2u : 1u);
+        ASSERT_EQ(CodesOf(atCleanup), (replaced ? Codes{kUpload, kUnlock} : Codes{kUnlock}));
         if (replaced) {
-            EXPECT_EQ(atCleanup[0].code, kUpload);
             EXPECT_EQ(atCleanup[0].secondString, test.signature ? kSignature : u"");
         }
-        EXPECT_EQ(atCleanup.back().code, kUnlock);
     }
 }
 
@@ -341,11 +332,8 @@ TEST_F(WholeOpen, DirectoriesAndAnotherUsersOpensAreNeitherDownloadedNorUnlocked
                   .status,
               STATUS_SUCCESS);
     const std::vector<RequestView> atOpen = NewRequests(true);
-    ASSERT_EQ(atOpen.size(), 4u);
-    EXPECT_EQ(atOpen[1].code, kDownload);
-    EXPECT_EQ(atOpen[2].code, kExclusion);
-    EXPECT_EQ(atOpen[2].path, u"\\Device\\HarddiskVolume2\\Data\\New");
-    EXPECT_EQ(atOpen[3].code, kChanged);
+    EXPECT_EQ(CodesOf(atOpen), (Codes{kExclusion, kDownload, kExclusion, kChanged}));
+    EXPECT_EQ(atOpen.at(2).path, u"\\Device\\HarddiskVolume2\\Data\\New");
     Close(handle);
     EXPECT_EQ(NewCodes(), Codes{kUpload});
 
@@ -390,8 +378,6 @@ TEST_F(WholeOpen, FailedOpensAndRenameTargetsLeaveNoRecord)
     EXPECT_EQ(NewCodes(), (Codes{kDownload, kDownload, kSignatureCode}));
     EXPECT_EQ(g_ContextList, nullptr);
 
-    // A rename opens its target's directory through the stack, to write into it: a download and a
-    // signature, and the open is followed no further.
     ASSERT_EQ(Open(kPath, DELETE, kShareAll, &handle).status, STATUS_SUCCESS);
     NewCodes();
     {
