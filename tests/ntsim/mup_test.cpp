@@ -252,7 +252,8 @@ TEST_F(MupTest, LoopbackOpenIsSeenTwiceWithTheServersOpenInsideTheRequestersPend
         for (const Seen& event : creates) {
             shape.emplace_back(event.deviceType, event.post);
         }
-        EXPECT_EQ(shape, (std::vector<std::pair<ULONG, bool>>{{kNet, false}, {kDisk, false}, {kDisk, true}, {kNet, true}}));
+        EXPECT_EQ(shape,
+                  (std::vector<std::pair<ULONG, bool>>{{kNet, false}, {kDisk, false}, {kDisk, true}, {kNet, true}}));
         EXPECT_EQ(innerPost.status, STATUS_SUCCESS);
         EXPECT_EQ(outerPost.status, STATUS_SUCCESS);
 
@@ -292,7 +293,7 @@ TEST_F(MupTest, LoopbackOpenIsSeenTwiceWithTheServersOpenInsideTheRequestersPend
             }
         }
         EXPECT_EQ(ends, (std::vector<std::pair<ULONG, UCHAR>>{
-                            {kNet, IRP_MJ_CLEANUP}, {kDisk, IRP_MJ_CLEANUP}, {kDisk, IRP_MJ_CLOSE}, {kNet, IRP_MJ_CLOSE}}));
+                      {kNet, IRP_MJ_CLEANUP}, {kDisk, IRP_MJ_CLEANUP}, {kDisk, IRP_MJ_CLOSE}, {kNet, IRP_MJ_CLOSE}}));
         EXPECT_EQ(volume_->HandleCount(u"\\Shared Documents\\report.txt"), 0u);
     }
 }
