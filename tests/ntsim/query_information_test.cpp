@@ -10,8 +10,6 @@
 namespace iotest {
 namespace {
 
-using Strings = std::vector<std::string>;
-
 // What one query callback saw of its parameters.
 struct QuerySeen {
     char filter = '?';
@@ -127,11 +125,8 @@ TEST_F(QueryInformationTest, RefusedFastQueryComesAgainAsAnIrpAndTheSystemBuffer
     ASSERT_EQ(Query(file, &standard, sizeof(standard), FileStandardInformation, &information), STATUS_SUCCESS);
     EXPECT_EQ(standard.EndOfFile.QuadPart, 3);
     EXPECT_EQ(information, sizeof(standard));
-    EXPECT_EQ(Sequence(IRP_MJ_QUERY_INFORMATION),
-              (Strings{"A pre", "B pre", "A post", "A pre", "B pre", "B post", "A post"}));
-    std::vector<Event> events = EventsOf(IRP_MJ_QUERY_INFORMATION);
-    EXPECT_EQ(events[2].status, STATUS_FLT_DISALLOW_FAST_IO) << "the post above the refusal sees it";
-    ASSERT_EQ(Queries().size(), 7u);
+    // The refusal's order and status are the Filter Manager's, tested with a fast write.
+    ASSERT_EQ(Queries().size(), 7u) << "two fast callbacks and the post above the refusal, then the IRP";
     for (size_t i = 3; i < Queries().size(); ++i) {
         EXPECT_TRUE((Queries()[i].flags & FLTFL_CALLBACK_DATA_IRP_OPERATION) != 0) << i;
         EXPECT_NE(Queries()[i].buffer, &standard) << i;
@@ -289,10 +284,11 @@ TEST_F(QueryInformationTest, FilterThatCompletesAQueryAnswersTheCallerInEitherFo
     NtClose(file);
 }
 
-TEST_F(QueryInformationTest, ErrorStatusCopiesNothingBackAndAWarningCopiesWhatItReports)
+TEST_F(QueryInformationTest, ErrorCopiesNothingBackAWarningWhatItReportsAndInformationBeyondIsCut)
 {
     volume_->SeedFile(u"\\statuses.txt", "x");
     static NTSTATUS answer;
+    static ULONG_PTR reported;  // 0: 16 bytes past the buffer
     FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
         if (data->Iopb->MajorFunction != IRP_MJ_QUERY_INFORMATION) {
             return FLT_PREOP_SUCCESS_NO_CALLBACK;
@@ -300,16 +296,17 @@ TEST_F(QueryInformationTest, ErrorStatusCopiesNothingBackAndAWarningCopiesWhatIt
         auto& query = data->Iopb->Parameters.QueryFileInformation;
         std::memset(query.InfoBuffer, 0x77, query.Length);
         data->IoStatus.Status = answer;
-        data->IoStatus.Information = 8;
+        data->IoStatus.Information = reported != 0 ? reported : query.Length + 16;
         return FLT_PREOP_COMPLETE;
     };
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     HANDLE file = OpenSeeded(u"\\??\\C:\\statuses.txt");
 
+    reported = 8;
+    ULONG_PTR information = 0;
     for (NTSTATUS status : {STATUS_ACCESS_DENIED, STATUS_BUFFER_OVERFLOW}) {
         answer = status;
         std::vector<UCHAR> buffer(200, 0);
-        ULONG_PTR information = 0;
         EXPECT_EQ(Query(file, buffer.data(), 200, FileAllInformation, &information), status);
         const bool copied = status == STATUS_BUFFER_OVERFLOW;
         EXPECT_EQ(buffer[7], copied ? 0x77 : 0x00) << std::hex << status;
@@ -318,25 +315,11 @@ TEST_F(QueryInformationTest, ErrorStatusCopiesNothingBackAndAWarningCopiesWhatIt
             EXPECT_EQ(information, 8u);
         }
     }
-    NtClose(file);
-}
 
-TEST_F(QueryInformationTest, InformationBeyondTheBufferIsAVerifierErrorAndIsCutAtTheBuffer)
-{
-    volume_->SeedFile(u"\\beyond.txt", "x");
-    FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        if (data->Iopb->MajorFunction != IRP_MJ_QUERY_INFORMATION) {
-            return FLT_PREOP_SUCCESS_NO_CALLBACK;
-        }
-        data->IoStatus.Status = STATUS_SUCCESS;
-        data->IoStatus.Information = data->Iopb->Parameters.QueryFileInformation.Length + 16;
-        return FLT_PREOP_COMPLETE;
-    };
-    ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
-    HANDLE file = OpenSeeded(u"\\??\\C:\\beyond.txt");
+    answer = STATUS_SUCCESS;
+    reported = 0;
     ntsim::verifier::BugCheckCapture capture;
     std::vector<UCHAR> buffer(64);
-    ULONG_PTR information = 0;
     EXPECT_EQ(Query(file, buffer.data(), 56, FileNetworkOpenInformation, &information), STATUS_SUCCESS);
     EXPECT_TRUE(capture.Consume("IO_INFORMATION_BEYOND_BUFFER"));
     EXPECT_EQ(information, 56u);
