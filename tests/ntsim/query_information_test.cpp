@@ -489,20 +489,10 @@ TEST_F(QueryInformationTest, HandleQueryStartsBelowTheInstanceThatOpenedTheFile)
     volume_->SeedFile(u"\\opened below.txt", "abc");
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     ASSERT_EQ(FilterB::Load(u"360000"), STATUS_SUCCESS);
-    PFLT_INSTANCE instanceOfA = FilterA::Instance(u"C:");
-    ASSERT_NE(instanceOfA, nullptr);
-    ntsim::UnicodeStringHolder name(u"\\??\\C:\\opened below.txt");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     HANDLE handle = nullptr;
+    ASSERT_EQ(OpenBelowA(u"\\??\\C:\\opened below.txt", FILE_GENERIC_READ, FILE_SHARE_READ, 0, &handle, nullptr),
+              STATUS_SUCCESS);
     IO_STATUS_BLOCK ioStatus{};
-    {
-        ntsim::ScopedPreviousMode kernel(KernelMode);
-        ASSERT_EQ(FltCreateFileEx(FilterA::script().filter, instanceOfA, &handle, nullptr, FILE_GENERIC_READ,
-                                  &attributes, &ioStatus, nullptr, 0, FILE_SHARE_READ, FILE_OPEN,
-                                  FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0, 0),
-                  STATUS_SUCCESS);
-    }
     ClearEvents();
 
     for (FILE_INFORMATION_CLASS infoClass : {FileStandardInformation, FileNetworkOpenInformation}) {
@@ -515,7 +505,6 @@ TEST_F(QueryInformationTest, HandleQueryStartsBelowTheInstanceThatOpenedTheFile)
         ClearEvents();
     }
     EXPECT_EQ(FltClose(handle), STATUS_SUCCESS);
-    FltObjectDereference(instanceOfA);
 }
 
 }  // namespace

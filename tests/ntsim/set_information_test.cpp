@@ -541,20 +541,9 @@ TEST_F(SetInformationTest, FltSetInformationFileRenamesBelowItsInstanceWithTheTa
     volume_->SeedDirectory(u"\\elsewhere");
     HANDLE elsewhere = nullptr;
     PFILE_OBJECT elsewhereObject = nullptr;
-    {
-        ntsim::UnicodeStringHolder name(u"\\Device\\HarddiskVolume2\\elsewhere\\final.txt");
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, name.get(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
-                                   nullptr);
-        IO_STATUS_BLOCK ioStatus{};
-        PFLT_INSTANCE instanceB = FilterB::Instance(u"C:");
-        ASSERT_EQ(FltCreateFileEx(FilterB::script().filter, instanceB, &elsewhere, &elsewhereObject,
-                                  FILE_ADD_FILE | SYNCHRONIZE, &attributes, &ioStatus, nullptr, 0,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN, 0, nullptr, 0,
-                                  IO_OPEN_TARGET_DIRECTORY),
-                  STATUS_SUCCESS);
-        FltObjectDereference(instanceB);
-    }
+    ASSERT_EQ(OpenBelowA(u"\\Device\\HarddiskVolume2\\elsewhere\\final.txt", FILE_ADD_FILE | SYNCHRONIZE,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE, IO_OPEN_TARGET_DIRECTORY, &elsewhere, &elsewhereObject),
+              STATUS_SUCCESS);
     hookedFilter_ = 'B';
     preHook_ = [elsewhereObject](PFLT_CALLBACK_DATA data) {
         if (data->Iopb->MajorFunction == IRP_MJ_SET_INFORMATION) {
