@@ -389,7 +389,6 @@ TEST_F(PostCreateTest, PostCreateSeesTheInformationOfEachDisposition)
 
 // What the post-create of filter A sees of a create answered with STATUS_REPARSE.
 struct ReparseSeen {
-    NTSTATUS status = 0;
     ULONG_PTR information = 0;
     bool tagData = false;
     ULONG fileTag = 0;
@@ -411,7 +410,7 @@ void WatchReparses()
         if (data->Iopb->MajorFunction != IRP_MJ_CREATE || data->IoStatus.Status != STATUS_REPARSE) {
             return;
         }
-        ReparseSeen seen{.status = data->IoStatus.Status, .information = data->IoStatus.Information};
+        ReparseSeen seen{.information = data->IoStatus.Information};
         if (const FLT_TAG_DATA_BUFFER* tag = data->TagData) {
             seen.tagData = true;
             seen.fileTag = tag->FileTag;

@@ -12,11 +12,8 @@ namespace {
 
 // What one query callback saw of its parameters.
 struct QuerySeen {
-    char filter = '?';
-    bool post = false;
     ULONG flags = 0;
     ULONG length = 0;
-    FILE_INFORMATION_CLASS infoClass{};
     PVOID buffer = nullptr;
 };
 
@@ -28,13 +25,12 @@ protected:
         return queries;
     }
 
-    static void Note(char filter, bool post, PFLT_CALLBACK_DATA data)
+    static void Note(PFLT_CALLBACK_DATA data)
     {
-        if (data->Iopb->MajorFunction != IRP_MJ_QUERY_INFORMATION) {
-            return;
+        if (data->Iopb->MajorFunction == IRP_MJ_QUERY_INFORMATION) {
+            const auto& query = data->Iopb->Parameters.QueryFileInformation;
+            Queries().push_back({data->Flags, query.Length, query.InfoBuffer});
         }
-        const auto& query = data->Iopb->Parameters.QueryFileInformation;
-        Queries().push_back({filter, post, data->Flags, query.Length, query.FileInformationClass, query.InfoBuffer});
     }
 
     void SetUp() override
@@ -42,10 +38,10 @@ protected:
         IoTest::SetUp();
         Queries().clear();
         FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-            Note('A', false, data);
+            Note(data);
             return FLT_PREOP_SUCCESS_WITH_CALLBACK;
         };
-        FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) { Note('A', true, data); };
+        FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) { Note(data); };
     }
 
     HANDLE OpenSeeded(std::u16string_view path, ACCESS_MASK access = FILE_GENERIC_READ)
@@ -111,10 +107,10 @@ TEST_F(QueryInformationTest, RefusedFastQueryComesAgainAsAnIrpAndTheSystemBuffer
 {
     volume_->SeedFile(u"\\refused.txt", "123");
     FilterB::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        Note('B', false, data);
+        Note(data);
         return FLT_IS_FASTIO_OPERATION(data) ? FLT_PREOP_DISALLOW_FASTIO : FLT_PREOP_SUCCESS_WITH_CALLBACK;
     };
-    FilterB::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) { Note('B', true, data); };
+    FilterB::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) { Note(data); };
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     ASSERT_EQ(FilterB::Load(u"360000"), STATUS_SUCCESS);
     HANDLE file = OpenSeeded(u"\\??\\C:\\refused.txt");
@@ -211,7 +207,6 @@ TEST_F(QueryInformationTest, FilterThatCompletesAQueryAnswersTheCallerInEitherFo
     // A answers basic information itself, in whichever form it comes, and the network-open query
     // with a record of which it reports only the first 32 bytes.
     FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        Note('A', false, data);
         if (data->Iopb->MajorFunction != IRP_MJ_QUERY_INFORMATION) {
             return FLT_PREOP_SUCCESS_NO_CALLBACK;
         }
