@@ -1,7 +1,6 @@
-// Where post-operation callbacks run: the issuing thread by default, DISPATCH_LEVEL or a thread of
-// their own when asked, the cases that never move (create, synchronized, fast I/O), the work the
-// verifier then catches, and the ways out that Windows gives (FLT_PREOP_SYNCHRONIZE,
-// FltDoCompletionProcessingWhenSafe).
+// Where post-operation callbacks run (the issuing thread, DISPATCH_LEVEL or another thread), what
+// never moves, the work the verifier then catches, and the ways out: FLT_PREOP_SYNCHRONIZE and
+// FltDoCompletionProcessingWhenSafe.
 #include "io_testfilter.hpp"
 
 #include <ntsim/sim/pool.hpp>
@@ -102,21 +101,13 @@ TEST_F(PostContextTest, EachSettingPlacesThePostCallbacksThatMayCompleteAnywhere
         // Where Windows may complete the operation anywhere.
         for (UCHAR major : {IRP_MJ_WRITE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
             const Event post = LastPost('A', major);
+            const bool elsewhere = setting == PostOperationContext::ArbitraryThread;
             EXPECT_EQ(post.issuer, issuer) << label << " major " << int{major};
-            switch (setting) {
-            case PostOperationContext::IssuingThread:
-                EXPECT_EQ(post.irql, PASSIVE_LEVEL) << label;
-                EXPECT_EQ(post.threadId, issuingThread) << label;
-                break;
-            case PostOperationContext::DispatchLevel:
-                EXPECT_EQ(post.irql, DISPATCH_LEVEL) << label;
-                EXPECT_EQ(post.threadId, issuingThread) << label;
-                break;
-            case PostOperationContext::ArbitraryThread:
-                EXPECT_EQ(post.irql, DISPATCH_LEVEL) << label;
-                EXPECT_NE(post.threadId, issuingThread) << label;
+            const KIRQL irql = setting == PostOperationContext::IssuingThread ? PASSIVE_LEVEL : DISPATCH_LEVEL;
+            EXPECT_EQ(post.irql, irql) << label;
+            EXPECT_EQ(post.threadId != issuingThread, elsewhere) << label;
+            if (elsewhere) {
                 EXPECT_EQ(post.processId, ntsim::SystemProcess()->Id()) << label;
-                break;
             }
         }
         // Where it never does: the create, a synchronized operation, fast I/O.
