@@ -140,26 +140,6 @@ TEST(StringContainsCharacter, LooksAtEveryCharacterOfTheLengthAndNoFurther)
     EXPECT_FALSE(StringContainsCharacter(&noBuffer, L'~'));
 }
 
-std::vector<std::string> Tokens(std::u16string text)
-{
-    std::vector<std::string> tokens;
-    for (PWSTR token = NextBarToken(ntsim::AsWide(text.data())); token != nullptr; token = NextBarToken(nullptr)) {
-        tokens.push_back(ntsim::ToUtf8(token));
-    }
-    // Once used up, the tokenizer keeps answering null.
-    EXPECT_EQ(NextBarToken(nullptr), nullptr);
-    return tokens;
-}
-
-TEST(NextBarToken, SkipsEmptyTokensAndEndsWithNull)
-{
-    EXPECT_EQ(Tokens(u"a||b|"), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(Tokens(u"|a.exe||b.exe|"), (std::vector<std::string>{"a.exe", "b.exe"}));
-    EXPECT_EQ(Tokens(u"a.exe|b.exe"), (std::vector<std::string>{"a.exe", "b.exe"}));
-    EXPECT_EQ(Tokens(u"|"), std::vector<std::string>{});
-    EXPECT_EQ(Tokens(u""), std::vector<std::string>{});
-}
-
 class LinkPaths : public ::testing::Test {
 protected:
     ntsim::ob::SymbolicLink drive_ = ntsim::ob::CreateSymbolicLink(u"\\??\\Q:", u"\\Device\\HarddiskVolume7");
