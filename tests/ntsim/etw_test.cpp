@@ -220,11 +220,11 @@ TEST(EtwWrite, EachSessionGetsTheEventsItsLevelAndKeywordsAdmit)
     ntsim::etw::Session elsewhere;
     elsewhere.EnableProvider(kOtherProvider, {});
 
-    EXPECT_EQ(Write(provider.handle, Descriptor(1, 4, kBit63)), STATUS_SUCCESS);  // info
-    EXPECT_EQ(Write(provider.handle, Descriptor(2, 3, kBit63)), STATUS_SUCCESS);  // warning
-    EXPECT_EQ(Write(provider.handle, Descriptor(3, 2, kBit63 | 1)), STATUS_SUCCESS);
-    EXPECT_EQ(Write(provider.handle, Descriptor(4, 2, 1)), STATUS_SUCCESS);       // lacks bit 63
-    EXPECT_EQ(Write(provider.handle, Descriptor(5, 0, 0)), STATUS_SUCCESS);       // always passes
+    // Info, warning, error, an error without bit 63, and an event of level and keyword 0 that always passes.
+    for (EVENT_DESCRIPTOR descriptor : {Descriptor(1, 4, kBit63), Descriptor(2, 3, kBit63),
+                                        Descriptor(3, 2, kBit63 | 1), Descriptor(4, 2, 1), Descriptor(5, 0, 0)}) {
+        EXPECT_EQ(Write(provider.handle, descriptor), STATUS_SUCCESS) << descriptor.Id;
+    }
     EXPECT_EQ(Ids(warnings.Events()), (std::vector<USHORT>{2, 3, 5}));
     EXPECT_EQ(Ids(everything.Events()), (std::vector<USHORT>{1, 2, 3, 4, 5}));
     EXPECT_TRUE(elsewhere.Events().empty());
