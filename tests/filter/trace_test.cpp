@@ -18,12 +18,6 @@ namespace {
 
 class FilterTracing : public TracedFilter {
 protected:
-    // Counts the calls that reach EtwWrite from now on: each one is failed and counted.
-    static void CountEtwWrites()
-    {
-        ntsim::faults::FailRoutine("EtwWrite", STATUS_UNSUCCESSFUL, ntsim::faults::Persistence::Persistent);
-    }
-
     // One trace of each level, from this test.
     static void TraceEachLevel()
     {
@@ -186,7 +180,8 @@ TEST_F(FilterTracing, TheGateFollowsTheSessionsLevelAndKeywords)
 TEST_F(FilterTracing, WithoutAnEnablingSessionNothingReachesEtwWrite)
 {
     ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
-    CountEtwWrites();
+    // From now on each call that reaches EtwWrite is failed and counted.
+    ntsim::faults::FailRoutine("EtwWrite", STATUS_UNSUCCESSFUL, ntsim::faults::Persistence::Persistent);
     TraceEachLevel();
     EXPECT_EQ(ntsim::faults::FailuresInjected(), 0u) << "registered, no session: the gate drops everything";
 
