@@ -104,23 +104,20 @@ TEST(OwnedString, AllocationFailuresGiveNullAndLeaveNothing)
 TEST(FindUnicodeSubstring, FindsTheFirstOccurrenceByCharacterIndex)
 {
     ntsim::UnicodeStringHolder haystack(u"\\Data\\vm_Redirected\\x");
-    ntsim::UnicodeStringHolder same(u"\\Data\\vm_Redirected\\x");
-    ntsim::UnicodeStringHolder lower(u"vm_redirected");
-    ntsim::UnicodeStringHolder exact(u"vm_Redirected");
-    ntsim::UnicodeStringHolder atEnd(u"\\x");
+    auto find = [&](std::u16string_view text, BOOLEAN ignoreCase = FALSE) {
+        ntsim::UnicodeStringHolder needle(text);
+        return FindUnicodeSubstring(haystack.get(), needle.get(), ignoreCase);
+    };
+    EXPECT_EQ(find(u"\\Data\\vm_Redirected\\x"), 0);
+    EXPECT_EQ(find(u"vm_Redirected"), 6);
+    EXPECT_EQ(find(u"vm_redirected"), -1);
+    EXPECT_EQ(find(u"vm_redirected", TRUE), 6);
+    EXPECT_EQ(find(u"\\x"), 19);
+    EXPECT_EQ(find(u"\\"), 0);
+    EXPECT_EQ(find(u"\\Data\\vm_Redirected\\xy"), -1);
+    EXPECT_EQ(find(u""), -1);
     ntsim::UnicodeStringHolder backslash(u"\\");
-    ntsim::UnicodeStringHolder longer(u"\\Data\\vm_Redirected\\xy");
-    ntsim::UnicodeStringHolder empty(u"");
     ntsim::UnicodeStringHolder noBuffer;
-
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), same.get(), FALSE), 0);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), exact.get(), FALSE), 6);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), lower.get(), FALSE), -1);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), lower.get(), TRUE), 6);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), atEnd.get(), FALSE), 19);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), backslash.get(), FALSE), 0);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), longer.get(), FALSE), -1);
-    EXPECT_EQ(FindUnicodeSubstring(haystack.get(), empty.get(), FALSE), -1);
     EXPECT_EQ(FindUnicodeSubstring(haystack.get(), noBuffer.get(), FALSE), -1);
     EXPECT_EQ(FindUnicodeSubstring(noBuffer.get(), backslash.get(), FALSE), -1);
     EXPECT_EQ(FindUnicodeSubstring(nullptr, backslash.get(), FALSE), -1);
@@ -141,26 +138,6 @@ TEST(StringContainsCharacter, LooksAtEveryCharacterOfTheLengthAndNoFurther)
     EXPECT_FALSE(StringContainsCharacter(&empty, L'~'));
     UNICODE_STRING noBuffer{4, 4, nullptr};
     EXPECT_FALSE(StringContainsCharacter(&noBuffer, L'~'));
-}
-
-std::vector<std::string> Tokens(std::u16string text)
-{
-    std::vector<std::string> tokens;
-    for (PWSTR token = NextBarToken(ntsim::AsWide(text.data())); token != nullptr; token = NextBarToken(nullptr)) {
-        tokens.push_back(ntsim::ToUtf8(token));
-    }
-    // Once used up, the tokenizer keeps answering null.
-    EXPECT_EQ(NextBarToken(nullptr), nullptr);
-    return tokens;
-}
-
-TEST(NextBarToken, SkipsEmptyTokensAndEndsWithNull)
-{
-    EXPECT_EQ(Tokens(u"a||b|"), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(Tokens(u"|a.exe||b.exe|"), (std::vector<std::string>{"a.exe", "b.exe"}));
-    EXPECT_EQ(Tokens(u"a.exe|b.exe"), (std::vector<std::string>{"a.exe", "b.exe"}));
-    EXPECT_EQ(Tokens(u"|"), std::vector<std::string>{});
-    EXPECT_EQ(Tokens(u""), std::vector<std::string>{});
 }
 
 class LinkPaths : public ::testing::Test {
@@ -195,30 +172,29 @@ TEST_F(LinkPaths, DriveLinksAndSubstitutionsBecomeDevicePaths)
     EXPECT_EQ(PoolTypeOf(pstr), PagedPool);
     FreeUnicodeString(&pstr);
 
-    std::string result;
-    EXPECT_EQ(FromRename(u"\\??\\q:\\dir\\file", &result), STATUS_SUCCESS);
-    EXPECT_EQ(result, "\\Device\\HarddiskVolume7\\dir\\file");
-    EXPECT_EQ(FromRename(u"\\??\\S:\\x", &result), STATUS_SUCCESS);
-    EXPECT_EQ(result, "\\Device\\HarddiskVolume7\\sub\\x");
-    EXPECT_EQ(FromRename(u"\\Device\\HarddiskVolume2\\x", &result), STATUS_SUCCESS);
-    EXPECT_EQ(result, "\\Device\\HarddiskVolume2\\x");
-    EXPECT_EQ(FromRename(u"\\??\\Q:", &result), STATUS_SUCCESS);
-    EXPECT_EQ(result, "\\Device\\HarddiskVolume7");
+    using Case = std::pair<std::u16string_view, std::string>;
+    for (auto [name, device] : {Case{u"\\??\\q:\\dir\\file", "\\Device\\HarddiskVolume7\\dir\\file"},
+                                {u"\\??\\S:\\x", "\\Device\\HarddiskVolume7\\sub\\x"},
+                                {u"\\Device\\HarddiskVolume2\\x", "\\Device\\HarddiskVolume2\\x"},
+                                {u"\\??\\Q:", "\\Device\\HarddiskVolume7"}}) {
+        std::string result;
+        EXPECT_EQ(FromRename(name, &result), STATUS_SUCCESS) << device;
+        EXPECT_EQ(result, device);
+    }
 }
 
 TEST_F(LinkPaths, NamesWithoutADriveLinkFailWithoutAResult)
 {
-    std::string result;
-    EXPECT_EQ(FromRename(u"Q:\\x", &result), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(result, "<none>");
-    EXPECT_EQ(FromRename(u"x", &result), STATUS_INVALID_PARAMETER);
-    // Shorter than \??\ and a drive: nothing is read past the name.
-    EXPECT_EQ(FromRename(u"\\??\\", &result), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(FromRename(u"\\??\\Q", &result), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(result, "<none>");
-    // \??\UN is no link: the object manager's answer is the result.
-    EXPECT_EQ(FromRename(u"\\??\\UNC\\server\\share\\x", &result), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(result, "<none>");
+    // Too short for \??\ and a drive, nothing is read past the name; \??\UN is no link, the object
+    // manager's answer is the result.
+    for (auto [name, expected] : {std::pair<std::u16string_view, NTSTATUS>{u"Q:\\x", STATUS_INVALID_PARAMETER},
+                                  {u"x", STATUS_INVALID_PARAMETER}, {u"\\??\\", STATUS_INVALID_PARAMETER},
+                                  {u"\\??\\Q", STATUS_INVALID_PARAMETER},
+                                  {u"\\??\\UNC\\server\\share\\x", STATUS_OBJECT_NAME_NOT_FOUND}}) {
+        std::string result;
+        EXPECT_EQ(FromRename(name, &result), expected) << ntsim::ToUtf8(name);
+        EXPECT_EQ(result, "<none>") << ntsim::ToUtf8(name);
+    }
 
     ntsim::UnicodeStringHolder link(u"\\??\\Q:\\x");
     OwnedString* pstr = nullptr;
@@ -292,6 +268,10 @@ TEST_F(RequestIdentity, TheClientTokenCountsBeforeThePrimaryToken)
     EXPECT_EQ(Sid(&context, STATUS_INVALID_PARAMETER), "<none>");
     context.AccessState = nullptr;
     EXPECT_EQ(Sid(&context, STATUS_INVALID_PARAMETER), "<none>");
+
+    // A failed copy of the SID is a failure, not an empty success.
+    ntsim::faults::FailAllocationsWithTag(FOLDERMERGE_POOL_TAG);
+    EXPECT_EQ(Sid(nullptr, STATUS_INSUFFICIENT_RESOURCES), "<none>");
 }
 
 TEST_F(RequestIdentity, TheLongestSidTextComesWholeWithRoomForItsTerminator)
@@ -310,13 +290,6 @@ TEST_F(RequestIdentity, TheLongestSidTextComesWholeWithRoomForItsTerminator)
     EXPECT_EQ(sid.pstr->MaximumLength, sid.pstr->Length + sizeof(WCHAR));
     EXPECT_EQ(sid.pstr->Buffer[sid.pstr->Length / sizeof(WCHAR)], 0);
     EXPECT_EQ(PoolTypeOf(sid.pstr), g_PoolType);
-}
-
-TEST_F(RequestIdentity, AFailedCopyOfTheSidIsAFailureNotAnEmptySuccess)
-{
-    ntsim::AttachThread thread(process_);
-    ntsim::faults::FailAllocationsWithTag(FOLDERMERGE_POOL_TAG);
-    EXPECT_EQ(Sid(nullptr, STATUS_INSUFFICIENT_RESOURCES), "<none>");
 }
 
 TEST_F(RequestIdentity, TheImageNameComesInDeviceFormAndMustFitItsString)

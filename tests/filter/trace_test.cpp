@@ -18,18 +18,20 @@ namespace {
 
 class FilterTracing : public TracedFilter {
 protected:
-    // Counts the calls that reach EtwWrite from now on: each one is failed and counted.
-    static void CountEtwWrites()
-    {
-        ntsim::faults::FailRoutine("EtwWrite", STATUS_UNSUCCESSFUL, ntsim::faults::Persistence::Persistent);
-    }
-
     // One trace of each level, from this test.
     static void TraceEachLevel()
     {
         TRACE_INFO("an info event");
         TRACE_WARNING("a warning event");
         TRACE_ERROR("an error event");
+    }
+
+    // A session, tracing on, and the event of turning it on taken away.
+    void StartTracing(const ntsim::etw::EnableParameters& parameters = {.level = 4, .matchAnyKeyword = kTraceKeyword})
+    {
+        StartSession(parameters);
+        ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
+        TakeEvents();
     }
 
     std::vector<UCHAR> Levels()
@@ -84,9 +86,7 @@ TEST_F(FilterTracing, TheServiceTurnsTracingOnAndOffWithControlMessageTwo)
 
 TEST_F(FilterTracing, EachLevelHasItsOwnDescriptor)
 {
-    StartSession({.level = 0, .matchAnyKeyword = kTraceKeyword});
-    ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
-    TakeEvents();
+    StartTracing({.level = 0, .matchAnyKeyword = kTraceKeyword});
     TraceEachLevel();
     auto records = session_->TakeEvents();
     ASSERT_EQ(records.size(), 3u);
@@ -101,9 +101,7 @@ TEST_F(FilterTracing, EachLevelHasItsOwnDescriptor)
 
 TEST_F(FilterTracing, ThePayloadHasItsSixFields)
 {
-    StartSession();
-    ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
-    TakeEvents();
+    StartTracing();
     ntsim::UnicodeStringHolder name(u"a.txt");
     TraceWrite(g_TraceProvider, &TRACE_DESCRIPTOR_INFO, "C:\\src\\filter\\create.cpp", 42, "FolderMerge_PreCreate",
                "Open of [%wZ] by %S for 0x%08x", name.get(), L"app.exe", 0x80u);
@@ -182,7 +180,8 @@ TEST_F(FilterTracing, TheGateFollowsTheSessionsLevelAndKeywords)
 TEST_F(FilterTracing, WithoutAnEnablingSessionNothingReachesEtwWrite)
 {
     ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
-    CountEtwWrites();
+    // From now on each call that reaches EtwWrite is failed and counted.
+    ntsim::faults::FailRoutine("EtwWrite", STATUS_UNSUCCESSFUL, ntsim::faults::Persistence::Persistent);
     TraceEachLevel();
     EXPECT_EQ(ntsim::faults::FailuresInjected(), 0u) << "registered, no session: the gate drops everything";
 
@@ -202,16 +201,13 @@ TEST_F(FilterTracing, WithoutAnEnablingSessionNothingReachesEtwWrite)
 
 TEST_F(FilterTracing, NothingIsTracedAbovePassiveLevel)
 {
-    StartSession();
-    ASSERT_EQ(SetTracing(true), STATUS_SUCCESS);
-    TakeEvents();
-    KIRQL oldIrql;
-    KeRaiseIrql(APC_LEVEL, &oldIrql);
-    TRACE_ERROR("at APC_LEVEL");
-    KeLowerIrql(oldIrql);
-    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
-    TRACE_ERROR("at DISPATCH_LEVEL");
-    KeLowerIrql(oldIrql);
+    StartTracing();
+    for (KIRQL level : {APC_LEVEL, DISPATCH_LEVEL}) {
+        KIRQL oldIrql;
+        KeRaiseIrql(level, &oldIrql);
+        TRACE_ERROR("above PASSIVE_LEVEL");
+        KeLowerIrql(oldIrql);
+    }
     TRACE_ERROR("at PASSIVE_LEVEL");
     EXPECT_EQ(TakeMessages(), (std::vector<std::string>{"at PASSIVE_LEVEL"}));
 }

@@ -56,6 +56,26 @@ bool IsDirectoryQuery(PFLT_CALLBACK_DATA data)
            data->Iopb->MinorFunction == IRP_MN_QUERY_DIRECTORY;
 }
 
+// A pre-operation that sees directory queries only; other operations go on without a callback.
+template <typename Pre>
+auto PreOfQueries(Pre pre)
+{
+    return [pre](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
+        return IsDirectoryQuery(data) ? pre(data) : FLT_PREOP_SUCCESS_NO_CALLBACK;
+    };
+}
+
+// A post-operation that sees directory queries only.
+template <typename Post>
+auto PostOfQueries(Post post)
+{
+    return [post](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) {
+        if (IsDirectoryQuery(data)) {
+            post(data);
+        }
+    };
+}
+
 class DirectoryQueryTest : public IoTest {
 protected:
     void SetUp() override
@@ -139,14 +159,11 @@ TEST_F(DirectoryQueryTest, TheFileSystemAnswersABufferThatAFilterShrank)
 {
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     static ULONG shrunkTo;
-    FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        if (!IsDirectoryQuery(data)) {
-            return FLT_PREOP_SUCCESS_NO_CALLBACK;
-        }
+    FilterA::script().pre = PreOfQueries([](PFLT_CALLBACK_DATA data) {
         data->Iopb->Parameters.DirectoryControl.QueryDirectory.Length = shrunkTo;
         FltSetCallbackDataDirty(data);
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
-    };
+    });
     UserBuffer buffer(512);
     std::memset(buffer.data(), 0xCC, 512);
 
@@ -179,10 +196,7 @@ TEST_F(DirectoryQueryTest, APostOperationRewritesTheListingAtTheCallersAddressUn
     };
     static Seen seen;
     seen = Seen{};
-    FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) {
-        if (!IsDirectoryQuery(data)) {
-            return;
-        }
+    FilterA::script().post = PostOfQueries([](PFLT_CALLBACK_DATA data) {
         const auto& query = data->Iopb->Parameters.DirectoryControl.QueryDirectory;
         seen.buffer = query.DirectoryBuffer;
         seen.mdl = query.MdlAddress;
@@ -198,7 +212,7 @@ TEST_F(DirectoryQueryTest, APostOperationRewritesTheListingAtTheCallersAddressUn
         } __except (EXCEPTION_EXECUTE_HANDLER) {
             seen.probe = GetExceptionCode();
         }
-    };
+    });
     UserBuffer buffer(512);
     Answer answer = Query(buffer.data(), 512);
     ASSERT_EQ(answer.status, STATUS_SUCCESS);
@@ -220,17 +234,11 @@ TEST_F(DirectoryQueryTest, APostOperationRewritesTheListingThroughTheMdlItLocked
     };
     static Seen seen;
     seen = Seen{};
-    FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        if (!IsDirectoryQuery(data)) {
-            return FLT_PREOP_SUCCESS_NO_CALLBACK;
-        }
+    FilterA::script().pre = PreOfQueries([](PFLT_CALLBACK_DATA data) {
         seen.lock = FltLockUserBuffer(data);
         return FLT_PREOP_SUCCESS_WITH_CALLBACK;
-    };
-    FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) {
-        if (!IsDirectoryQuery(data)) {
-            return;
-        }
+    });
+    FilterA::script().post = PostOfQueries([](PFLT_CALLBACK_DATA data) {
         const auto& query = data->Iopb->Parameters.DirectoryControl.QueryDirectory;
         seen.mdlInPost = query.MdlAddress;
         if (query.MdlAddress == nullptr) {
@@ -247,7 +255,7 @@ TEST_F(DirectoryQueryTest, APostOperationRewritesTheListingThroughTheMdlItLocked
         } __except (EXCEPTION_EXECUTE_HANDLER) {
             seen.probeOfSystemAddress = GetExceptionCode();
         }
-    };
+    });
     UserBuffer buffer(512);
     ntsim::pool::Checkpoint checkpoint;
     Answer answer = Query(buffer.data(), 512);
@@ -267,10 +275,7 @@ TEST_F(DirectoryQueryTest, AnMdlLockedBelowIsWhatTheFileSystemAndTheFiltersAbove
     static PMDL lockedByB;
     static PMDL seenByA;
     lockedByB = seenByA = nullptr;
-    FilterB::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        if (!IsDirectoryQuery(data)) {
-            return FLT_PREOP_SUCCESS_NO_CALLBACK;
-        }
+    FilterB::script().pre = PreOfQueries([](PFLT_CALLBACK_DATA data) {
         auto& query = data->Iopb->Parameters.DirectoryControl.QueryDirectory;
         EXPECT_EQ(FltLockUserBuffer(data), STATUS_SUCCESS);
         EXPECT_EQ(FltLockUserBuffer(data), STATUS_SUCCESS) << "locked already: nothing more";
@@ -279,18 +284,15 @@ TEST_F(DirectoryQueryTest, AnMdlLockedBelowIsWhatTheFileSystemAndTheFiltersAbove
         query.DirectoryBuffer = nullptr;
         FltSetCallbackDataDirty(data);
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
-    };
-    FilterA::script().post = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID) {
-        if (!IsDirectoryQuery(data)) {
-            return;
-        }
+    });
+    FilterA::script().post = PostOfQueries([](PFLT_CALLBACK_DATA data) {
         PMDL mdl = data->Iopb->Parameters.DirectoryControl.QueryDirectory.MdlAddress;
         seenByA = mdl;
         if (mdl != nullptr && NT_SUCCESS(data->IoStatus.Status)) {
             MarkNames(static_cast<UCHAR*>(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority)),
                       data->IoStatus.Information);
         }
-    };
+    });
     UserBuffer buffer(512);
     Answer answer = Query(buffer.data(), 512);
     ASSERT_EQ(answer.status, STATUS_SUCCESS);
@@ -304,14 +306,11 @@ TEST_F(DirectoryQueryTest, ABufferThatCannotBeLockedLeavesTheQueryAsItWas)
     ASSERT_EQ(FilterA::Load(u"370000"), STATUS_SUCCESS);
     static NTSTATUS lock;
     static PMDL mdl;
-    FilterA::script().pre = [](PFLT_CALLBACK_DATA data, PCFLT_RELATED_OBJECTS, PVOID*) {
-        if (!IsDirectoryQuery(data)) {
-            return FLT_PREOP_SUCCESS_NO_CALLBACK;
-        }
+    FilterA::script().pre = PreOfQueries([](PFLT_CALLBACK_DATA data) {
         lock = FltLockUserBuffer(data);
         mdl = data->Iopb->Parameters.DirectoryControl.QueryDirectory.MdlAddress;
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
-    };
+    });
     UserBuffer buffer(512);
     ntsim::faults::FailRoutine("FltLockUserBuffer", STATUS_INSUFFICIENT_RESOURCES);
     ASSERT_EQ(Query(buffer.data(), 512).status, STATUS_SUCCESS);

@@ -27,8 +27,24 @@ struct Notification {
     UCHAR level;
     ULONGLONG matchAny;
     ULONGLONG matchAll;
-    bool filterDataNull;
+    bool filterDataNull = true;
+    bool operator==(const Notification& other) const
+    {
+        return IsEqualGUID(source, other.source) && code == other.code && level == other.level &&
+               matchAny == other.matchAny && matchAll == other.matchAll && filterDataNull == other.filterDataNull;
+    }
+    friend std::ostream& operator<<(std::ostream& stream, const Notification& n)
+    {
+        return stream << "code " << n.code << ", level " << int(n.level) << std::hex << ", any 0x" << n.matchAny
+                      << ", all 0x" << n.matchAll << (n.filterDataNull ? "" : ", filter data");
+    }
 };
+
+// What an enable callback for kProvider is told.
+Notification Enabled(UCHAR level, ULONGLONG matchAny, ULONGLONG matchAll)
+{
+    return {kProvider, EVENT_CONTROL_CODE_ENABLE_PROVIDER, level, matchAny, matchAll};
+}
 
 // What a provider's enable callback was told, in order.
 struct Provider {
@@ -81,13 +97,7 @@ TEST(EtwEnableCallback, ASessionThatCameFirstIsAnnouncedDuringRegistration)
     ASSERT_EQ(provider.Register(), STATUS_SUCCESS);
     EXPECT_NE(provider.handle, 0u);
     ASSERT_EQ(provider.notifications.size(), 1u) << "the callback runs inside EtwRegister";
-    const Notification& first = provider.Last();
-    EXPECT_TRUE(IsEqualGUID(first.source, kProvider));
-    EXPECT_EQ(first.code, ULONG(EVENT_CONTROL_CODE_ENABLE_PROVIDER));
-    EXPECT_EQ(first.level, 3);
-    EXPECT_EQ(first.matchAny, kBit63);
-    EXPECT_EQ(first.matchAll, kBit63);
-    EXPECT_TRUE(first.filterDataNull);
+    EXPECT_EQ(provider.Last(), Enabled(3, kBit63, kBit63));
 
     Provider unwatched;
     ASSERT_EQ(unwatched.Register(kOtherProvider), STATUS_SUCCESS);
@@ -103,32 +113,23 @@ TEST(EtwEnableCallback, SessionsAreCombinedAndTheLastOneToLeaveDisables)
         ntsim::etw::Session errors;
         errors.EnableProvider(kProvider, {.level = 2, .matchAnyKeyword = 0x1, .matchAllKeyword = 0x3});
         ASSERT_EQ(provider.notifications.size(), 1u) << "enabling calls the callback in the enabling thread";
-        EXPECT_EQ(provider.Last().level, 2);
+        EXPECT_EQ(provider.Last(), Enabled(2, 0x1, 0x3));
         {
             ntsim::etw::Session verbose;
             verbose.EnableProvider(kProvider, {.level = 5, .matchAnyKeyword = 0x4, .matchAllKeyword = 0x1});
-            EXPECT_EQ(provider.Last().code, ULONG(EVENT_CONTROL_CODE_ENABLE_PROVIDER));
-            EXPECT_EQ(provider.Last().level, 5) << "the highest level";
-            EXPECT_EQ(provider.Last().matchAny, 0x5u) << "the union";
-            EXPECT_EQ(provider.Last().matchAll, 0x1u) << "the intersection";
+            EXPECT_EQ(provider.Last(), Enabled(5, 0x5, 0x1)) << "the highest level, the union, the intersection";
 
             verbose.EnableProvider(kProvider, {.level = 0, .matchAnyKeyword = 0x4});
             EXPECT_EQ(provider.Last().level, 0) << "a session at level 0 wants everything";
             EXPECT_EQ(provider.Last().matchAll, 0u);
         }
-        EXPECT_EQ(provider.Last().code, ULONG(EVENT_CONTROL_CODE_ENABLE_PROVIDER))
-            << "one session still enables the provider";
-        EXPECT_EQ(provider.Last().level, 2);
-        EXPECT_EQ(provider.Last().matchAny, 0x1u);
-        EXPECT_EQ(provider.Last().matchAll, 0x3u);
+        EXPECT_EQ(provider.Last(), Enabled(2, 0x1, 0x3)) << "one session still enables the provider";
 
         EXPECT_FALSE(errors.DisableProvider(kOtherProvider));
         size_t before = provider.notifications.size();
         EXPECT_TRUE(errors.DisableProvider(kProvider));
         ASSERT_EQ(provider.notifications.size(), before + 1);
-        EXPECT_EQ(provider.Last().code, ULONG(EVENT_CONTROL_CODE_DISABLE_PROVIDER));
-        EXPECT_EQ(provider.Last().level, 0);
-        EXPECT_EQ(provider.Last().matchAny, 0u);
+        EXPECT_EQ(provider.Last(), (Notification{kProvider, EVENT_CONTROL_CODE_DISABLE_PROVIDER, 0, 0, 0}));
         errors.EnableProvider(kProvider, {.level = 4, .matchAnyKeyword = kBit63});
     }
     EXPECT_EQ(provider.Last().code, ULONG(EVENT_CONTROL_CODE_DISABLE_PROVIDER)) << "closing a session disables";
@@ -219,11 +220,11 @@ TEST(EtwWrite, EachSessionGetsTheEventsItsLevelAndKeywordsAdmit)
     ntsim::etw::Session elsewhere;
     elsewhere.EnableProvider(kOtherProvider, {});
 
-    EXPECT_EQ(Write(provider.handle, Descriptor(1, 4, kBit63)), STATUS_SUCCESS);  // info
-    EXPECT_EQ(Write(provider.handle, Descriptor(2, 3, kBit63)), STATUS_SUCCESS);  // warning
-    EXPECT_EQ(Write(provider.handle, Descriptor(3, 2, kBit63 | 1)), STATUS_SUCCESS);
-    EXPECT_EQ(Write(provider.handle, Descriptor(4, 2, 1)), STATUS_SUCCESS);       // lacks bit 63
-    EXPECT_EQ(Write(provider.handle, Descriptor(5, 0, 0)), STATUS_SUCCESS);       // always passes
+    // Info, warning, error, an error without bit 63, and an event of level and keyword 0 that always passes.
+    for (EVENT_DESCRIPTOR descriptor : {Descriptor(1, 4, kBit63), Descriptor(2, 3, kBit63),
+                                        Descriptor(3, 2, kBit63 | 1), Descriptor(4, 2, 1), Descriptor(5, 0, 0)}) {
+        EXPECT_EQ(Write(provider.handle, descriptor), STATUS_SUCCESS) << descriptor.Id;
+    }
     EXPECT_EQ(Ids(warnings.Events()), (std::vector<USHORT>{2, 3, 5}));
     EXPECT_EQ(Ids(everything.Events()), (std::vector<USHORT>{1, 2, 3, 4, 5}));
     EXPECT_TRUE(elsewhere.Events().empty());
@@ -278,12 +279,13 @@ TEST(EtwWrite, ThePayloadIsCopiedWithTheWritersIdentity)
 
 TEST(EtwSystemRoutines, AreExportedFromTheStartAndFoundByNameUnlessHidden)
 {
+    for (auto [name, routine] : {std::pair<const char*, PVOID>{"EtwWrite", reinterpret_cast<PVOID>(&EtwWrite)},
+                                 {"EtwRegister", reinterpret_cast<PVOID>(&EtwRegister)},
+                                 {"EtwUnregister", reinterpret_cast<PVOID>(&EtwUnregister)}}) {
+        ntsim::UnicodeStringHolder text(name);
+        EXPECT_EQ(MmGetSystemRoutineAddress(text.get()), routine) << name;
+    }
     ntsim::UnicodeStringHolder write("EtwWrite");
-    ntsim::UnicodeStringHolder registerName("EtwRegister");
-    ntsim::UnicodeStringHolder unregister("EtwUnregister");
-    EXPECT_EQ(MmGetSystemRoutineAddress(write.get()), reinterpret_cast<PVOID>(&EtwWrite));
-    EXPECT_EQ(MmGetSystemRoutineAddress(registerName.get()), reinterpret_cast<PVOID>(&EtwRegister));
-    EXPECT_EQ(MmGetSystemRoutineAddress(unregister.get()), reinterpret_cast<PVOID>(&EtwUnregister));
     ntsim::ScopedHiddenSystemRoutine hidden(u"EtwWrite");
     EXPECT_EQ(MmGetSystemRoutineAddress(write.get()), nullptr);
 }

@@ -28,6 +28,12 @@ bool Eventually(Condition condition)
     return true;
 }
 
+// Kernel APCs disabled for the scope, as resources need.
+struct CriticalRegion {
+    CriticalRegion() { KeEnterCriticalRegion(); }
+    ~CriticalRegion() { KeLeaveCriticalRegion(); }
+};
+
 class Resource : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(ExInitializeResourceLite(&resource_), STATUS_SUCCESS); }
@@ -38,7 +44,7 @@ protected:
 
 TEST_F(Resource, ExclusiveOwnerMayAcquireAgainAndReleasesAsOften)
 {
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     EXPECT_TRUE(ExAcquireResourceExclusiveLite(&resource_, TRUE));
     EXPECT_TRUE(ExAcquireResourceExclusiveLite(&resource_, TRUE));
     EXPECT_TRUE(ExAcquireResourceSharedLite(&resource_, TRUE));  // shared is granted to the owner
@@ -46,11 +52,10 @@ TEST_F(Resource, ExclusiveOwnerMayAcquireAgainAndReleasesAsOften)
     EXPECT_EQ(ExIsResourceAcquiredSharedLite(&resource_), 3u);
 
     std::thread other([this] {
-        KeEnterCriticalRegion();
+        CriticalRegion region;
         EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&resource_));
         EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource_, FALSE));
         EXPECT_FALSE(ExAcquireResourceSharedLite(&resource_, FALSE));
-        KeLeaveCriticalRegion();
     });
     other.join();
 
@@ -60,55 +65,32 @@ TEST_F(Resource, ExclusiveOwnerMayAcquireAgainAndReleasesAsOften)
     ExReleaseResourceLite(&resource_);
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&resource_));
     EXPECT_EQ(ntsim::verifier::HeldLockCount(), 0u);
-    KeLeaveCriticalRegion();
-}
-
-TEST_F(Resource, AWaitingAcquireBlocksUntilTheOwnerReleases)
-{
-    KeEnterCriticalRegion();
-    ExAcquireResourceExclusiveLite(&resource_, TRUE);
-    std::atomic<bool> acquired{false};
-    std::thread waiter([&] {
-        KeEnterCriticalRegion();
-        ExAcquireResourceExclusiveLite(&resource_, TRUE);
-        acquired = true;
-        ExReleaseResourceLite(&resource_);
-        KeLeaveCriticalRegion();
-    });
-    ASSERT_TRUE(Eventually([&] { return ExGetExclusiveWaiterCount(&resource_) == 1; }));
-    EXPECT_FALSE(acquired);
-    ExReleaseResourceLite(&resource_);
-    KeLeaveCriticalRegion();
-    waiter.join();
-    EXPECT_TRUE(acquired);
 }
 
 TEST_F(Resource, EveryReleaseWakesTheWaitersItLetsIn)
 {
-    // The owner holds it; an exclusive and a shared waiter queue behind it. The owner's release
+    // The owner holds it; an exclusive and a shared waiter block behind it. The owner's release
     // lets the exclusive waiter in, whose own release lets the shared one in.
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     ExAcquireResourceExclusiveLite(&resource_, TRUE);
     std::atomic<int> order{0};
     std::atomic<int> exclusiveTurn{0}, sharedTurn{0};
     std::thread exclusive([&] {
-        KeEnterCriticalRegion();
+        CriticalRegion region;
         ExAcquireResourceExclusiveLite(&resource_, TRUE);
         exclusiveTurn = ++order;
         ExReleaseResourceLite(&resource_);
-        KeLeaveCriticalRegion();
     });
     ASSERT_TRUE(Eventually([&] { return ExGetExclusiveWaiterCount(&resource_) == 1; }));
     std::thread shared([&] {
-        KeEnterCriticalRegion();
+        CriticalRegion region;
         ExAcquireResourceSharedLite(&resource_, TRUE);
         sharedTurn = ++order;
         ExReleaseResourceLite(&resource_);
-        KeLeaveCriticalRegion();
     });
     ASSERT_TRUE(Eventually([&] { return ExGetSharedWaiterCount(&resource_) == 1; }));
+    EXPECT_EQ(order, 0) << "neither waiter got in while the owner held it";
     ExReleaseResourceLite(&resource_);
-    KeLeaveCriticalRegion();
     exclusive.join();
     shared.join();
     EXPECT_EQ(exclusiveTurn, 1);
@@ -124,18 +106,17 @@ TEST_F(Resource, SharedOwnersCoexistAndExcludeAnExclusiveOne)
     std::vector<std::thread> readers;
     for (int i = 0; i < 2; ++i) {
         readers.emplace_back([&] {
-            KeEnterCriticalRegion();
+            CriticalRegion region;
             ExAcquireResourceSharedLite(&resource_, TRUE);
             holding += 1;
             while (!release) {
                 std::this_thread::yield();
             }
             ExReleaseResourceLite(&resource_);
-            KeLeaveCriticalRegion();
         });
     }
     ASSERT_TRUE(Eventually([&] { return holding == 2; }));
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource_, FALSE));
     release = true;
     for (auto& reader : readers) {
@@ -143,7 +124,6 @@ TEST_F(Resource, SharedOwnersCoexistAndExcludeAnExclusiveOne)
     }
     EXPECT_TRUE(ExAcquireResourceExclusiveLite(&resource_, FALSE));
     ExReleaseResourceLite(&resource_);
-    KeLeaveCriticalRegion();
 }
 
 TEST_F(Resource, MustBeAcquiredWithKernelApcsDisabled)
@@ -175,7 +155,7 @@ TEST_F(Resource, MustBeAcquiredWithKernelApcsDisabled)
 
 TEST_F(Resource, ReleaseByAThreadThatDoesNotHoldItIsReportedAndChangesNothing)
 {
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     ExAcquireResourceExclusiveLite(&resource_, TRUE);
     {
         ntsim::verifier::BugCheckCapture capture;
@@ -186,12 +166,11 @@ TEST_F(Resource, ReleaseByAThreadThatDoesNotHoldItIsReportedAndChangesNothing)
     }
     EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&resource_));
     ExReleaseResourceLite(&resource_);
-    KeLeaveCriticalRegion();
 }
 
 TEST_F(Resource, DeleteWhileHeldFailsAndLeavesTheLockUsable)
 {
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     ExAcquireResourceExclusiveLite(&resource_, TRUE);
     {
         ntsim::verifier::BugCheckCapture capture;
@@ -200,32 +179,29 @@ TEST_F(Resource, DeleteWhileHeldFailsAndLeavesTheLockUsable)
     }
     EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&resource_));
     ExReleaseResourceLite(&resource_);
-    KeLeaveCriticalRegion();
 }
 
 TEST_F(Resource, SharedHolderAskingForExclusiveIsReportedInsteadOfDeadlocking)
 {
     ntsim::verifier::BugCheckCapture capture;
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     ExAcquireResourceSharedLite(&resource_, TRUE);
     EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource_, TRUE));
     EXPECT_TRUE(capture.Consume(rules::kResourceSharedToExclusive));
     ExReleaseResourceLite(&resource_);
-    KeLeaveCriticalRegion();
 }
 
 TEST(ResourceLifetime, UseBeforeInitializeOrAfterDeleteIsReported)
 {
     ntsim::verifier::BugCheckCapture capture;
     ERESOURCE resource{};
-    KeEnterCriticalRegion();
+    CriticalRegion region;
     EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource, TRUE));
     EXPECT_TRUE(capture.Consume(rules::kResourceNotInitialized));
     ASSERT_EQ(ExInitializeResourceLite(&resource), STATUS_SUCCESS);
     ASSERT_EQ(ExDeleteResourceLite(&resource), STATUS_SUCCESS);
     EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource, TRUE));
     EXPECT_NE(capture.ConsumeDetail(rules::kResourceNotInitialized).find("deleted"), std::string::npos);
-    KeLeaveCriticalRegion();
 }
 
 TEST(SpinLock, RaisesToDispatchLevelAndRestoresTheCallersLevel)

@@ -14,6 +14,10 @@ namespace {
 constexpr ULONG kRestartScan = 0x1;
 constexpr ULONG kReturnSingleEntry = 0x2;
 constexpr ULONG kIndexSpecified = 0x4;
+constexpr FILE_INFORMATION_CLASS kClasses[] = {FileDirectoryInformation,       FileFullDirectoryInformation,
+                                               FileBothDirectoryInformation,   FileNamesInformation,
+                                               FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
+using Names = std::vector<std::string>;
 
 struct Listing {
     NTSTATUS status = STATUS_UNSUCCESSFUL;
@@ -93,26 +97,20 @@ protected:
 TEST_F(NtfsDirectory, EveryClassPlacesItsFieldsAtThePublishedOffsets)
 {
     volume->SeedFile(u"\\dir\\A Long Name.txt", std::string(5000, 'x'), FILE_ATTRIBUTE_HIDDEN);
-    FILE_BASIC_INFORMATION times{};
-    times.CreationTime.QuadPart = 0x1111;
-    times.LastAccessTime.QuadPart = 0x2222;
-    times.LastWriteTime.QuadPart = 0x3333;
-    times.ChangeTime.QuadPart = 0x4444;
+    FILE_BASIC_INFORMATION times{{.QuadPart = 0x1111}, {.QuadPart = 0x2222}, {.QuadPart = 0x3333},
+                                 {.QuadPart = 0x4444}};
     volume->SeedBasicInformation(u"\\dir\\A Long Name.txt", times);
     auto file = MustOpen({.path = u"\\dir\\A Long Name.txt"});
     const LONGLONG fileId = At<LONGLONG>(Query(*file, FileInternalInformation, 8), 0);
     const std::string shortName = ToUtf8(volume->ShortName(u"\\dir\\A Long Name.txt"));
     ASSERT_EQ(shortName, "ALONGN~1.TXT");
 
-    const FILE_INFORMATION_CLASS classes[] = {FileDirectoryInformation,     FileFullDirectoryInformation,
-                                              FileBothDirectoryInformation, FileNamesInformation,
-                                              FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
-    for (FILE_INFORMATION_CLASS infoClass : classes) {
+    for (FILE_INFORMATION_CLASS infoClass : kClasses) {
         SCOPED_TRACE(static_cast<int>(infoClass));
         auto directory = OpenDirectory(u"\\dir");
         Listing listing = List(*directory, infoClass, 1024, "a long*");
         ASSERT_EQ(listing.status, STATUS_SUCCESS);
-        ASSERT_EQ(listing.names, std::vector<std::string>{"A Long Name.txt"});
+        ASSERT_EQ(listing.names, Names{"A Long Name.txt"});
         const auto& r = listing.bytes;
         EXPECT_EQ(At<ULONG>(r, 0), 0u);  // NextEntryOffset of the last record
         EXPECT_EQ(At<ULONG>(r, 4), 3u);  // FileIndex: after "." and ".."
@@ -120,10 +118,9 @@ TEST_F(NtfsDirectory, EveryClassPlacesItsFieldsAtThePublishedOffsets)
             EXPECT_EQ(At<ULONG>(r, 8), 30u);
             continue;
         }
-        EXPECT_EQ(At<LONGLONG>(r, 8), 0x1111);
-        EXPECT_EQ(At<LONGLONG>(r, 16), 0x2222);
-        EXPECT_EQ(At<LONGLONG>(r, 24), 0x3333);
-        EXPECT_EQ(At<LONGLONG>(r, 32), 0x4444);
+        for (int time = 0; time < 4; time++) {
+            EXPECT_EQ(At<LONGLONG>(r, 8 + 8 * time), 0x1111 * (time + 1));
+        }
         EXPECT_EQ(At<LONGLONG>(r, 40), 5000);  // EndOfFile
         EXPECT_EQ(At<LONGLONG>(r, 48), 8192);  // AllocationSize
         EXPECT_EQ(At<ULONG>(r, 56), static_cast<ULONG>(FILE_ATTRIBUTE_HIDDEN));
@@ -152,7 +149,7 @@ TEST_F(NtfsDirectory, OnlyNamesThatAreNoShortNamesCarryOneInTheBothClasses)
         SCOPED_TRACE(static_cast<int>(infoClass));
         auto directory = OpenDirectory(u"\\dir");
         Listing listing = List(*directory, infoClass, 4096);
-        ASSERT_EQ(listing.names, (std::vector<std::string>{".", "..", "Quarterly Report.docx", "readme.txt"}));
+        ASSERT_EQ(listing.names, (Names{".", "..", "Quarterly Report.docx", "readme.txt"}));
         std::vector<std::string> shortNames;
         for (size_t offset = 0;;) {
             const UCHAR shortNameLength = listing.bytes[offset + 68];
@@ -167,7 +164,7 @@ TEST_F(NtfsDirectory, OnlyNamesThatAreNoShortNamesCarryOneInTheBothClasses)
             }
             offset += next;
         }
-        EXPECT_EQ(shortNames, (std::vector<std::string>{"", "", "QUARTE~1.DOC", ""}));
+        EXPECT_EQ(shortNames, (Names{"", "", "QUARTE~1.DOC", ""}));
     }
 }
 
@@ -181,10 +178,7 @@ TEST_F(NtfsDirectory, EveryBufferSizeHandsOutEachRecordOnceAndWritesNothingPastW
     const std::vector<std::u16string> order = {u".", u"..", u"a", u"Bb", u"c.txt", u"dd d",
                                                u"Long File Name Number Three.txt", u"\u00e9t\u00e9"};
     auto align8 = [](size_t value) { return (value + 7) & ~size_t{7}; };
-    const FILE_INFORMATION_CLASS classes[] = {FileDirectoryInformation,     FileFullDirectoryInformation,
-                                              FileBothDirectoryInformation, FileNamesInformation,
-                                              FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
-    for (FILE_INFORMATION_CLASS infoClass : classes) {
+    for (FILE_INFORMATION_CLASS infoClass : kClasses) {
         const size_t fixed = NameOffsetOf(infoClass);
         const size_t nameLengthAt = infoClass == FileNamesInformation ? 8 : 60;
         size_t whole = 0;
@@ -245,11 +239,11 @@ TEST_F(NtfsDirectory, DotEntriesComeFirstThenNamesInUpcasedOrder)
         volume->SeedFile(name);
     }
     auto directory = OpenDirectory(u"\\dir");
-    EXPECT_EQ(ListAll(*directory, nullptr), (std::vector<std::string>{".", "..", "A", "a1", "b", "c", "_x"}));
+    EXPECT_EQ(ListAll(*directory, nullptr), (Names{".", "..", "A", "a1", "b", "c", "_x"}));
 
     // The root has no "." or "..".
     auto root = OpenDirectory(u"\\");
-    EXPECT_EQ(ListAll(*root, nullptr), std::vector<std::string>{"dir"});
+    EXPECT_EQ(ListAll(*root, nullptr), Names{"dir"});
 }
 
 TEST_F(NtfsDirectory, EndOfListingStatusesDependOnWhetherTheScanEverStarted)
@@ -262,9 +256,9 @@ TEST_F(NtfsDirectory, EndOfListingStatusesDependOnWhetherTheScanEverStarted)
     auto something = OpenDirectory(u"\\dir");
     EXPECT_EQ(List(*something, FileDirectoryInformation, 512, "*.txt").status, STATUS_SUCCESS);
     EXPECT_EQ(List(*something, FileDirectoryInformation, 512).status, STATUS_NO_MORE_FILES);
-    // A restart begins the scan again, with the pattern of the first query.
-    EXPECT_EQ(List(*something, FileDirectoryInformation, 512, nullptr, kRestartScan).names,
-              std::vector<std::string>{"one.txt"});
+    // A restart begins the scan again, with the pattern of the first query whatever the restart names.
+    EXPECT_EQ(List(*something, FileDirectoryInformation, 512, nullptr, kRestartScan).names, Names{"one.txt"});
+    EXPECT_EQ(List(*something, FileDirectoryInformation, 512, "*.md", kRestartScan).names, Names{"one.txt"});
 
     volume->SeedFile(u"\\notadir.txt");
     auto file = MustOpen({.path = u"\\notadir.txt"});
@@ -280,9 +274,9 @@ TEST_F(NtfsDirectory, RecordsThatDoNotFitWaitForTheNextQueryUnlessNoneFits)
     auto directory = OpenDirectory(u"\\d");
     Listing first = List(*directory, FileNamesInformation, 24 + 19, "????");
     EXPECT_EQ(first.status, STATUS_SUCCESS);
-    EXPECT_EQ(first.names, std::vector<std::string>{"aaaa"});
+    EXPECT_EQ(first.names, Names{"aaaa"});
     Listing second = List(*directory, FileNamesInformation, 24 + 20);
-    EXPECT_EQ(second.names, (std::vector<std::string>{"bbbb", "cccc"}));
+    EXPECT_EQ(second.names, (Names{"bbbb", "cccc"}));
     EXPECT_EQ(At<ULONG>(second.bytes, 0), 24u);
     EXPECT_EQ(second.bytes.size(), 44u);
 
@@ -294,7 +288,7 @@ TEST_F(NtfsDirectory, RecordsThatDoNotFitWaitForTheNextQueryUnlessNoneFits)
     EXPECT_EQ(At<ULONG>(partial.bytes, 8), 8u);
     EXPECT_EQ(NameAt(partial.bytes, 12, 4), "aa");
     // That record counts as handed out.
-    EXPECT_EQ(List(*small, FileNamesInformation, 512).names, (std::vector<std::string>{"bbbb", "cccc"}));
+    EXPECT_EQ(List(*small, FileNamesInformation, 512).names, (Names{"bbbb", "cccc"}));
 
     // An odd length: the returned bytes end in half a character.
     auto odd = OpenDirectory(u"\\d");
@@ -311,24 +305,13 @@ TEST_F(NtfsDirectory, PatternsMatchLongOrShortNamesWithoutRegardToCase)
                                  u"\\p\\Quarterly Report.docx"}) {
         volume->SeedFile(name);
     }
-    auto star = OpenDirectory(u"\\p");
-    EXPECT_EQ(ListAll(*star, "*.TxT"), std::vector<std::string>{"data.txt"});
-    auto dosQuestion = OpenDirectory(u"\\p");
-    EXPECT_EQ(ListAll(*dosQuestion, "data.>>>"), (std::vector<std::string>{"DATA.TX", "data.txt"}));
-    auto dosStar = OpenDirectory(u"\\p");
-    EXPECT_EQ(ListAll(*dosStar, "<.tx"), std::vector<std::string>{"DATA.TX"});
-    auto byShortName = OpenDirectory(u"\\p");
-    EXPECT_EQ(ListAll(*byShortName, "quarte~1.doc"), std::vector<std::string>{"Quarterly Report.docx"});
-}
-
-TEST_F(NtfsDirectory, TheFirstPatternHoldsForTheWholeScan)
-{
-    volume->SeedFile(u"\\p\\a.txt");
-    volume->SeedFile(u"\\p\\b.doc");
-    auto directory = OpenDirectory(u"\\p");
-    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*.txt").names, std::vector<std::string>{"a.txt"});
-    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*.doc", kRestartScan).names,
-              std::vector<std::string>{"a.txt"});
+    // A star, the DOS question mark and star, and a short name.
+    for (auto [pattern, names] : {std::pair<const char*, Names>{"*.TxT", {"data.txt"}},
+                                  {"data.>>>", {"DATA.TX", "data.txt"}},
+                                  {"<.tx", {"DATA.TX"}},
+                                  {"quarte~1.doc", {"Quarterly Report.docx"}}}) {
+        EXPECT_EQ(ListAll(*OpenDirectory(u"\\p"), pattern), names) << pattern;
+    }
 }
 
 TEST_F(NtfsDirectory, SingleEntryRestartAndIndexSpecifiedScans)
@@ -337,27 +320,23 @@ TEST_F(NtfsDirectory, SingleEntryRestartAndIndexSpecifiedScans)
         volume->SeedFile(name);
     }
     auto directory = OpenDirectory(u"\\s");
-    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*", kReturnSingleEntry).names,
-              std::vector<std::string>{"."});
-    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kReturnSingleEntry).names,
-              std::vector<std::string>{".."});
-    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kReturnSingleEntry).names,
-              std::vector<std::string>{"one"});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, "*", kReturnSingleEntry).names, Names{"."});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kReturnSingleEntry).names, Names{".."});
+    EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kReturnSingleEntry).names, Names{"one"});
     EXPECT_EQ(List(*directory, FileNamesInformation, 512, nullptr, kRestartScan | kReturnSingleEntry).names,
-              std::vector<std::string>{"."});
+              Names{"."});
 
     // FileIndex 3 is "one": resuming after it gives the rest.
     Listing resumed = List(*directory, FileDirectoryInformation, 512, nullptr, kIndexSpecified, 3);
-    EXPECT_EQ(resumed.names, (std::vector<std::string>{"three", "two"}));
+    EXPECT_EQ(resumed.names, (Names{"three", "two"}));
     EXPECT_EQ(At<ULONG>(resumed.bytes, 4), 4u);
 
     // Entries made between queries appear when the scan reaches their place.
     auto live = OpenDirectory(u"\\s");
-    EXPECT_EQ(List(*live, FileNamesInformation, 512, "t*", kReturnSingleEntry).names,
-              std::vector<std::string>{"three"});
+    EXPECT_EQ(List(*live, FileNamesInformation, 512, "t*", kReturnSingleEntry).names, Names{"three"});
     volume->SeedFile(u"\\s\\thz");
     volume->SeedFile(u"\\s\\tha");
-    EXPECT_EQ(List(*live, FileNamesInformation, 512).names, (std::vector<std::string>{"thz", "two"}));
+    EXPECT_EQ(List(*live, FileNamesInformation, 512).names, (Names{"thz", "two"}));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <future>
+#include <numeric>
 #include <thread>
 
 using namespace porttest;
@@ -67,6 +68,22 @@ class PortMessageTest : public ConnectedPortFixture {
 protected:
     // Takes one message into a fresh heap buffer of `size` bytes.
     HRESULT Get(UserBuffer& buffer) { return FilterGetMessage(port_, buffer.as<FILTER_MESSAGE_HEADER>(), buffer.size(), nullptr); }
+
+    // Takes one message into a 32-byte buffer and gives its id.
+    ULONGLONG TakeId()
+    {
+        UserBuffer message(32);
+        EXPECT_EQ(Get(message), S_OK);
+        return ReadAt<ULONGLONG>(message.data(), 8);
+    }
+
+    // A one-byte send without a reply buffer, from the calling thread.
+    static NTSTATUS SendByte(PLARGE_INTEGER timeout = nullptr)
+    {
+        PFLT_PORT port = State().ClientOf(0);
+        UCHAR byte = 0;
+        return FltSendMessage(State().filter, &port, &byte, 1, nullptr, nullptr, timeout);
+    }
 };
 
 TEST_F(PortMessageTest, MessageAndReplyCarryThePublishedHeadersByteForByte)
@@ -94,32 +111,21 @@ TEST_F(PortMessageTest, MessageAndReplyCarryThePublishedHeadersByteForByte)
 
 TEST_F(PortMessageTest, ReplyLengthsShorterOrLongerThanTheFiltersBuffer)
 {
-    {
-        Send send(app_, {9}, 8, std::nullopt);
-        UserBuffer message(32);
-        ASSERT_EQ(Get(message), S_OK);
-        ASSERT_EQ(Reply(ReadAt<ULONGLONG>(message.data(), 8), {1, 2, 3}), S_OK);
+    const struct {
+        ULONG capacity;
+        std::vector<UCHAR> reply;
+        HRESULT replied;
+        ULONG length;
+        std::vector<UCHAR> received;
+    } cases[] = {{8, {1, 2, 3}, S_OK, 3, {1, 2, 3, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}},
+                 {4, {1, 2, 3, 4, 5, 6}, HRESULT_FROM_WIN32(ERROR_MORE_DATA), 4, {1, 2, 3, 4}},
+                 {4, {}, S_OK, 0, {0xEE, 0xEE, 0xEE, 0xEE}}};  // a bare header is a reply of no bytes
+    for (const auto& c : cases) {
+        Send send(app_, {9}, c.capacity, std::nullopt);
+        EXPECT_EQ(Reply(TakeId(), c.reply), c.replied);
         EXPECT_EQ(send.Wait(), STATUS_SUCCESS);
-        EXPECT_EQ(send.replyLength(), 3u);
-        EXPECT_EQ(send.reply(), (std::vector<UCHAR>{1, 2, 3, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
-    }
-    {
-        Send send(app_, {9}, 4, std::nullopt);
-        UserBuffer message(32);
-        ASSERT_EQ(Get(message), S_OK);
-        EXPECT_EQ(Reply(ReadAt<ULONGLONG>(message.data(), 8), {1, 2, 3, 4, 5, 6}), HRESULT_FROM_WIN32(ERROR_MORE_DATA));
-        EXPECT_EQ(send.Wait(), STATUS_SUCCESS);
-        EXPECT_EQ(send.replyLength(), 4u);
-        EXPECT_EQ(send.reply(), (std::vector<UCHAR>{1, 2, 3, 4}));
-    }
-    {
-        // A bare header is a reply of no bytes.
-        Send send(app_, {9}, 4, std::nullopt);
-        UserBuffer message(32);
-        ASSERT_EQ(Get(message), S_OK);
-        ASSERT_EQ(Reply(ReadAt<ULONGLONG>(message.data(), 8), {}), S_OK);
-        EXPECT_EQ(send.Wait(), STATUS_SUCCESS);
-        EXPECT_EQ(send.replyLength(), 0u);
+        EXPECT_EQ(send.replyLength(), c.length);
+        EXPECT_EQ(send.reply(), c.received);
     }
 }
 
@@ -136,9 +142,7 @@ TEST_F(PortMessageTest, WithoutAReplyBufferTheSendEndsOnceTheMessageIsTaken)
 TEST_F(PortMessageTest, MessageBiggerThanTheServicesBufferIsCutAndStillAnswerable)
 {
     std::vector<UCHAR> body(40);
-    for (size_t i = 0; i < body.size(); ++i) {
-        body[i] = static_cast<UCHAR>(i + 1);
-    }
+    std::iota(body.begin(), body.end(), UCHAR(1));
     Send send(app_, body, 2, std::nullopt);
     UserBuffer message(16 + 10);
     ASSERT_EQ(Get(message), HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER));
@@ -157,8 +161,7 @@ TEST_F(PortMessageTest, MessageBiggerThanTheServicesBufferIsCutAndStillAnswerabl
     UserBuffer small(8);
     EXPECT_EQ(FilterGetMessage(port_, small.as<FILTER_MESSAGE_HEADER>(), small.size(), nullptr), E_INVALIDARG);
     EXPECT_EQ(ntsim::ports::QueuedMessageCount(), 1u);
-    UserBuffer enough(32);
-    ASSERT_EQ(Get(enough), S_OK);
+    TakeId();
     EXPECT_EQ(next.Wait(), STATUS_SUCCESS);
 }
 
@@ -189,10 +192,9 @@ TEST_F(PortMessageTest, UnansweredMessageTimesOutOnTheVirtualClockAndItsLateRepl
     // A null timeout waits for ever.
     {
         Send send(app_, {3}, 1, std::nullopt);
-        UserBuffer message(32);
-        ASSERT_EQ(Get(message), S_OK);
+        const ULONGLONG id = TakeId();
         ntsim::clock::Advance(ntsim::clock::kDay);
-        ASSERT_EQ(Reply(ReadAt<ULONGLONG>(message.data(), 8), {0x33}), S_OK);
+        ASSERT_EQ(Reply(id, {0x33}), S_OK);
         EXPECT_EQ(send.Wait(), STATUS_SUCCESS);
         EXPECT_EQ(send.reply()[0], 0x33);
     }
@@ -203,8 +205,7 @@ TEST_F(PortMessageTest, ConnectionEndingDuringTheWaitGivesPortDisconnected)
     // The service closes its handle.
     {
         Send send(app_, {1}, 4, std::nullopt);
-        UserBuffer message(32);
-        ASSERT_EQ(Get(message), S_OK);
+        TakeId();
         ASSERT_TRUE(CloseHandle(port_));
         port_ = nullptr;
         EXPECT_EQ(send.Wait(), STATUS_PORT_DISCONNECTED);
@@ -222,11 +223,8 @@ TEST_F(PortMessageTest, ReplyRacingADisconnectEitherArrivesWholeOrNotAtAll)
     for (int round = 0; round < 50; ++round) {
         HANDLE port = port_;
         Send send(app_, {1}, 4, std::nullopt, static_cast<size_t>(round));
-        UserBuffer message(32);
-        ASSERT_EQ(Get(message), S_OK);
-        const auto id = ReadAt<ULONGLONG>(message.data(), 8);
         UserBuffer reply(20);
-        reply.as<FILTER_REPLY_HEADER>()->MessageId = id;
+        reply.as<FILTER_REPLY_HEADER>()->MessageId = TakeId();
         std::memset(reply.data() + 16, 0x5C, 4);
         std::atomic<HRESULT> replied{E_FAIL};
         {
@@ -261,12 +259,10 @@ TEST_F(PortMessageTest, TerminatedThreadsWaitEndsWithThreadIsTerminating)
     // A termination asked for twice ends the thread's next two sends at once.
     ntsim::SimulatedThread sender(app_, [&] {
         ntsim::ports::TerminateWaits(PsGetCurrentThreadId(), 2);
-        PFLT_PORT port = State().ClientOf(0);
-        UCHAR byte = 0;
-        EXPECT_EQ(FltSendMessage(State().filter, &port, &byte, 1, nullptr, nullptr, nullptr), STATUS_THREAD_IS_TERMINATING);
-        EXPECT_EQ(FltSendMessage(State().filter, &port, &byte, 1, nullptr, nullptr, nullptr), STATUS_THREAD_IS_TERMINATING);
+        EXPECT_EQ(SendByte(), STATUS_THREAD_IS_TERMINATING);
+        EXPECT_EQ(SendByte(), STATUS_THREAD_IS_TERMINATING);
         LARGE_INTEGER zero{};
-        EXPECT_EQ(FltSendMessage(State().filter, &port, &byte, 1, nullptr, nullptr, &zero), STATUS_TIMEOUT);
+        EXPECT_EQ(SendByte(&zero), STATUS_TIMEOUT);
     });
     sender.Join();
     EXPECT_EQ(ntsim::ports::QueuedMessageCount(), 0u);
@@ -274,17 +270,15 @@ TEST_F(PortMessageTest, TerminatedThreadsWaitEndsWithThreadIsTerminating)
 
 TEST_F(PortMessageTest, SendIsAFaultPointAndRefusedUnderALock)
 {
-    PFLT_PORT port = State().ClientOf(0);
-    UCHAR byte = 0;
     ntsim::faults::FailRoutine("FltSendMessage", STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(FltSendMessage(State().filter, &port, &byte, 1, nullptr, nullptr, nullptr), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(SendByte(), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(ntsim::ports::QueuedMessageCount(), 0u);
 
     ntsim::verifier::BugCheckCapture capture;
     int lock = 0;
     ntsim::verifier::NoteLockAcquired(&lock, "test lock");
     LARGE_INTEGER zero{};
-    EXPECT_EQ(FltSendMessage(State().filter, &port, &byte, 1, nullptr, nullptr, &zero), STATUS_TIMEOUT);
+    EXPECT_EQ(SendByte(&zero), STATUS_TIMEOUT);
     ntsim::verifier::NoteLockReleased(&lock);
     EXPECT_TRUE(capture.Consume(ntsim::verifier::rules::kLockHeldDuringWait));
 }

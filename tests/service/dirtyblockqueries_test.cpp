@@ -42,11 +42,17 @@ protected:
         DirtyBlockTest::TearDown();
     }
 
-    HRESULT TakeMap(std::u16string_view volumePath, uint32_t capacity, DirtyBlockMap* map)
+    // The map of a file named by its device path.
+    HRESULT TakeMapAt(const std::u16string& devicePath, uint32_t capacity, DirtyBlockMap* map)
     {
         return service_->Run([&](FilterConnection& connection) {
-            return service::RequestDirtyBlockMap(connection, DevicePath(volumePath), capacity, map);
+            return service::RequestDirtyBlockMap(connection, devicePath, capacity, map);
         });
+    }
+
+    HRESULT TakeMap(std::u16string_view volumePath, uint32_t capacity, DirtyBlockMap* map)
+    {
+        return TakeMapAt(DevicePath(volumePath), capacity, map);
     }
 
     DirtyBlockMap MustTakeMap(std::u16string_view volumePath)
@@ -207,11 +213,7 @@ TEST_F(DirtyBlockQueries, QueriesThatNameNoTrackableFileChangeNothing)
     DirtyBlockMap map;
     DirtyBlockCount count;
 
-    auto query = [&](std::u16string path) {
-        return service_->Run([&](FilterConnection& connection) {
-            return service::RequestDirtyBlockMap(connection, path, 64, &map);
-        });
-    };
+    auto query = [&](std::u16string path) { return TakeMapAt(path, 64, &map); };
     EXPECT_EQ(query(u"\\??\\C:\\Data\\a.txt"), HRESULT_FROM_WIN32(ERROR_BAD_PATHNAME)) << "not a device path";
     EXPECT_EQ(query(u""), HRESULT_FROM_WIN32(ERROR_BAD_PATHNAME));
     EXPECT_TRUE(FAILED(query(u"\\Device\\HarddiskVolume3\\f.txt"))) << "no instance on a FAT volume";
