@@ -128,9 +128,13 @@ std::string DirtyBlockList(const std::vector<uint8_t>& map)
         while (last + 1 < blocks && isDirty(last + 1)) {
             last++;
         }
-        list += (list.empty() ? "" : ", ") + std::to_string(block);
+        if (!list.empty()) {
+            list += ", ";
+        }
+        list += std::to_string(block);
         if (last != block) {
-            list += "-" + std::to_string(last);
+            list += '-';
+            list += std::to_string(last);
         }
         block = last;
     }

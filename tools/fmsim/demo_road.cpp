@@ -48,7 +48,10 @@ public:
     void Received(uint32_t code)
     {
         std::lock_guard lock(mutex_);
-        codes_ += (codes_.empty() ? "" : " ") + std::to_string(code);
+        if (!codes_.empty()) {
+            codes_ += ' ';
+        }
+        codes_ += std::to_string(code);
     }
 
     // Marks the point between the open and the cleanup in the codes received.
