@@ -62,8 +62,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreCreate(PFLT_CALLBACK_DATA Data, 
     }
 
     // The path of the open, device form.
-    status = FltObjects != nullptr ? PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrPath)
-                                   : STATUS_INVALID_PARAMETER;
+    status = PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrPath);
     if (!NT_SUCCESS(status)) {
         TRACE_INFO("[EXIT] - PathFromRequest failed with status [0x%08x]", status);
         goto Exit;

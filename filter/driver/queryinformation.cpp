@@ -226,8 +226,7 @@ FLT_PREOP_CALLBACK_STATUS FLTAPI FolderMerge_PreNetworkQueryInformation(PFLT_CAL
         return FLT_PREOP_SUCCESS_NO_CALLBACK;
     }
 
-    NTSTATUS status = FltObjects != nullptr ? PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrPath)
-                                            : STATUS_INVALID_PARAMETER;
+    NTSTATUS status = PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrPath);
     if (!NT_SUCCESS(status)) {
         goto Exit;
     }

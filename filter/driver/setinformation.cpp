@@ -325,8 +325,7 @@ static FLT_PREOP_CALLBACK_STATUS PreSetInformationWithoutContext(PFLT_CALLBACK_D
         goto Exit;
     }
 
-    status = FltObjects != nullptr ? PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrSource)
-                                   : STATUS_INVALID_PARAMETER;
+    status = PathFromRequest(FltObjects, Data->Iopb, TRUE, &pstrSource);
     if (!NT_SUCCESS(status)) {
         TRACE_INFO("[EXIT] - PathFromRequest failed with status [0x%08x]", status);
         goto Exit;
