@@ -22,6 +22,7 @@
 #include <set>
 #include <string>
 
+#include "sweep_fixture.hpp"
 #include "user.h"
 
 namespace foldermerge::testing {
@@ -36,11 +37,6 @@ ntsim::faults::PointSet FilterWork()
             .routines = {"FltSendMessage", "FltGetVolumeName", "SeQueryInformationToken", "FltGetFileNameInformation",
                          "ZwQueryInformationProcess", "ZwOpenSymbolicLinkObject", "ZwQuerySymbolicLinkObject",
                          "FltCreateFileEx", "FltQueryInformationFile", "ZwDeleteFile"}};
-}
-
-std::string PointName(const ntsim::faults::InjectedFailure& failure)
-{
-    return failure.tag != 0 ? "pool '" + ntsim::pool::TagText(failure.tag) + "'" : failure.routine;
 }
 
 NTSTATUS SetInformation(HANDLE handle, FILE_INFORMATION_CLASS infoClass, const void* record, size_t length)
